@@ -1,0 +1,88 @@
+// Decode intervals by band and minute, and the smoothed decode rates drawn from them.
+//
+// A decode interval is one receive period of one mode on one frequency, with the number of messages
+// decoded in it. Times are UTC epoch seconds with fractions, lengths are seconds, rates are decodes
+// per hour. An index has no lock of its own: the caller guards it.
+//
+//   BandRateIndex index;
+//   addInterval(index, channelKey("FT8", 14'074'000), 12, now, now - 15, 15, 14'074'000);
+//   rateAt(index, "20m", 3, now)  // 2880: 12 decodes in the band's first 15 s slot
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace launcher {
+
+// Retention of everything the server holds: 24 h 45 min, in seconds. A day and its margins.
+inline constexpr double kRetention = 89'100;
+
+struct IntervalRecord {
+  double start = 0;
+  double end = 0;           // start + length
+  std::uint64_t count = 0;  // messages decoded
+};
+
+// Record key (source key "@" whole second within the minute) to record. The first report of a key
+// stays, so that an interval reported twice counts once.
+using IntervalBucket = std::map<std::string, IntervalRecord, std::less<>>;
+
+// One band. It forgets its first start and longest length only when its last minute is pruned.
+struct BandRateEntry {
+  double first_start = 0;                            // earliest start ever added, of duplicates too
+  double max_length = 0;                             // longest length ever added, of duplicates too
+  std::map<std::int64_t, IntervalBucket> by_minute;  // by the minute in which an interval starts
+};
+
+// Band id (BandInfo::id) to its intervals. Off-plan bands have entries like any other.
+using BandRateIndex = std::map<std::string, BandRateEntry, std::less<>>;
+
+// One sample of a band's curve.
+struct RatePoint {
+  double t = 0;
+  std::optional<double> rate;  // empty: no fresh data at t (a gap, not a zero)
+};
+
+// The minute number floor(t / 60). Beyond the range of the integer, the nearest end of that range.
+std::int64_t minuteOf(double t);
+
+// Records one interval of `count` decodes over [start, start + length_s) at `frequency_hz`.
+// `source_key` names where it came from (channelKey). Silently refused, leaving the index
+// untouched: a value that is not finite, a length of 0 or less, an end later than now + 1 (the
+// interval is not over yet), a start earlier than now - kRetention. Otherwise prunes first; a
+// second report of the same source, band and start second then only widens the band's first_start
+// and max_length. Cost: logarithmic, plus the bands for the pruning.
+void addInterval(BandRateIndex& index, std::string_view source_key, std::uint64_t count, double now,
+                 double start, double length_s, double frequency_hz);
+
+// Drops every minute before that of now - kRetention, and every band left without a minute. A `now`
+// that is not finite drops nothing.
+void pruneIndex(BandRateIndex& index, double now);
+
+// Decodes per hour of one band at `t`, averaged over the trailing window of `smoothing_minutes` or
+// the band's longest interval, whichever is longer; shorter while the band is younger than that.
+// Looks back over (t - window, t]: an interval ending exactly at t counts, one ending exactly at
+// t - window does not.
+// Empty: unknown band, or nothing that ended within the window and within the last 75 s (longest
+// interval + 15 s when that is more).
+// Throws std::invalid_argument "Smoothing must be 1..40 minutes".
+// Cost: the minutes inside the window.
+std::optional<double> rateAt(const BandRateIndex& index, std::string_view band_id,
+                             int smoothing_minutes, double t);
+
+// The band's rateAt every 60 s from now - hours * 3600 on while earlier than `now`, then at `now`
+// itself: 61, 361 or 1,441 points for 1, 6 or 24 hours and a whole second `now`.
+// Throws std::invalid_argument "History view must be 1, 6 or 24 hours", then as rateAt.
+std::vector<RatePoint> bandSeries(const BandRateIndex& index, std::string_view band_id,
+                                  int smoothing_minutes, int hours, double now);
+
+// Source key of a channel: mode name, "/", dial frequency in MHz with exactly six decimals.
+//   channelKey("FT8", 14'074'000) == "FT8/14.074000"
+std::string channelKey(std::string_view mode_name, double frequency_hz);
+
+}  // namespace launcher

@@ -1,0 +1,391 @@
+// The rate rules once more, the slow way, for the tests: one flat list of everything ever reported,
+// walked from end to end for every question. And a little script language whose programs put the
+// same additions, prunings and questions to this list and to the real index.
+#pragma once
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <limits>
+#include <map>
+#include <optional>
+#include <set>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "api/band_plan.hpp"
+#include "api/rate_index.hpp"
+
+namespace launcher {
+
+class ReferenceRates {
+ public:
+  void add(std::string_view source, std::uint64_t count, double now, double start, double length,
+           double frequency_hz) {
+    for (const double value : {now, start, length, frequency_hz}) {
+      if (!std::isfinite(value)) return;
+    }
+    if (length <= 0 || start + length > now + 1 || start < now - 89'100) return;
+    prune(now);
+    Report report{bandForFrequency(frequency_hz).id, std::string(source), count, start, length};
+    report.counts = std::none_of(reports_.begin(), reports_.end(), [&](const Report& other) {
+      return other.counts && sameInterval(other, report);
+    });
+    reports_.push_back(std::move(report));
+  }
+
+  void prune(double now) {
+    if (!std::isfinite(now)) return;
+    const double cutoff = std::floor((now - 89'100) / 60);
+    for (Report& report : reports_) {
+      if (minute(report.start) < cutoff) report.counts = false;
+    }
+    // What was added before the band went silent says nothing about its next interval.
+    std::set<std::string> heard;
+    for (const Report& report : reports_) {
+      if (report.counts) heard.insert(report.band);
+    }
+    std::erase_if(reports_, [&](const Report& report) { return !heard.contains(report.band); });
+  }
+
+  std::optional<double> rateAt(std::string_view band, int smoothing, double t) const {
+    if (smoothing < 1 || smoothing > 40) {
+      throw std::invalid_argument("Smoothing must be 1..40 minutes");
+    }
+    const auto [first_start, longest] = firstAndLongest(band);
+    const double window = std::max(longest, smoothing * 60.0);
+    double sum = 0;
+    double latest = -std::numeric_limits<double>::infinity();
+    for (const Report& report : reports_) {
+      const double end = report.start + report.length;
+      if (!report.counts || report.band != band || end <= t - window || end > t) continue;
+      sum += static_cast<double>(report.count);
+      latest = std::max(latest, end);
+    }
+    if (!(latest >= t - std::max(longest + 15, 75.0))) return std::nullopt;
+    const double effective = std::min(t - first_start, window);
+    if (effective <= 0) return std::nullopt;
+    return sum * 3600 / effective;
+  }
+
+  // `now` is a whole second.
+  std::vector<RatePoint> series(std::string_view band, int smoothing, int hours, double now) const {
+    if (hours != 1 && hours != 6 && hours != 24) {
+      throw std::invalid_argument("History view must be 1, 6 or 24 hours");
+    }
+    std::vector<RatePoint> points;
+    for (int minutes_ago = hours * 60; minutes_ago >= 0; --minutes_ago) {
+      const double t = now - minutes_ago * 60;
+      points.push_back({t, rateAt(band, smoothing, t)});
+    }
+    return points;
+  }
+
+  // Everything held, as text: per band its first start, its longest length and its intervals.
+  std::string text() const {
+    std::map<std::string, std::vector<IntervalRecord>> bands;
+    for (const Report& report : reports_) {
+      auto& intervals = bands[report.band];
+      if (!report.counts) continue;
+      intervals.push_back({report.start, report.start + report.length, report.count});
+    }
+    std::string all;
+    for (auto& [band, intervals] : bands) {
+      const auto [first_start, longest] = firstAndLongest(band);
+      all += describe(band, first_start, longest, std::move(intervals));
+    }
+    return all;
+  }
+
+  static std::string text(const BandRateIndex& index) {
+    std::string all;
+    for (const auto& [band, entry] : index) {
+      std::vector<IntervalRecord> intervals;
+      for (const auto& [minute_number, bucket] : entry.by_minute) {
+        for (const auto& [key, record] : bucket) intervals.push_back(record);
+      }
+      all += describe(band, entry.first_start, entry.max_length, std::move(intervals));
+    }
+    return all;
+  }
+
+ private:
+  struct Report {
+    std::string band;
+    std::string source;
+    std::uint64_t count = 0;
+    double start = 0;
+    double length = 0;
+    bool counts = true;  // false: a duplicate, or pruned
+  };
+
+  static double minute(double t) { return std::floor(t / 60); }
+
+  static bool sameInterval(const Report& a, const Report& b) {
+    return a.band == b.band && a.source == b.source && std::floor(a.start) == std::floor(b.start);
+  }
+
+  std::pair<double, double> firstAndLongest(std::string_view band) const {
+    double first_start = std::numeric_limits<double>::infinity();
+    double longest = 0;
+    for (const Report& report : reports_) {
+      if (report.band != band) continue;
+      first_start = std::min(first_start, report.start);
+      longest = std::max(longest, report.length);
+    }
+    return {first_start, longest};
+  }
+
+  static std::string describe(const std::string& band, double first_start, double longest,
+                              std::vector<IntervalRecord> intervals) {
+    std::sort(intervals.begin(), intervals.end(), [](const auto& a, const auto& b) {
+      return std::tie(a.start, a.end, a.count) < std::tie(b.start, b.end, b.count);
+    });
+    std::string lines = band + " " + number(first_start) + " " + number(longest) + "\n";
+    for (const IntervalRecord& record : intervals) {
+      lines += "  " + number(record.start) + " " + number(record.end) + " " +
+               std::to_string(record.count) + "\n";
+    }
+    return lines;
+  }
+
+  static std::string number(double value) {
+    char text[64];
+    std::snprintf(text, sizeof text, "%.17g", value);
+    return text;
+  }
+
+  std::vector<Report> reports_;
+};
+
+// Runs one script against index and reference; every byte string is a script.
+//   const std::string difference = RateScript(bytes).run();  // empty: they agree
+// Times lie on a grid of 1/8 s, where double arithmetic is exact. Doubles of any kind at all go to
+// an index of their own, which has no reference but must survive them.
+class RateScript {
+ public:
+  explicit RateScript(std::span<const std::uint8_t> bytes) : bytes_(bytes) {}
+
+  std::string run() {
+    while (difference_.empty() && !bytes_.empty()) step();
+    if (difference_.empty()) compareHoldings();
+    return difference_;
+  }
+
+ private:
+  static constexpr double kEpoch = 1'763'175'600;
+
+  using Points = std::vector<RatePoint>;
+
+  // What a question led to: points, or the text of an error.
+  struct Outcome {
+    Points points;
+    std::string error;
+
+    bool operator==(const Outcome& other) const {
+      const auto same = [](const RatePoint& a, const RatePoint& b) {
+        return a.t == b.t && a.rate == b.rate;
+      };
+      return error == other.error && std::equal(points.begin(), points.end(), other.points.begin(),
+                                                other.points.end(), same);
+    }
+
+    std::string text() const {
+      std::string lines = error + "\n";
+      for (const RatePoint& point : points) {
+        char line[80];
+        std::snprintf(line, sizeof line, "  %.17g %.17g\n", point.t, point.rate.value_or(-1));
+        lines += line;
+      }
+      return lines;
+    }
+  };
+
+  void step() {
+    switch (byte() % 16) {
+      case 9:
+        now_ += signedByte() * 7.5;
+        break;
+      case 10:
+        now_ += signedByte() * 900.0;
+        break;
+      case 11:
+        prune();
+        break;
+      case 12:
+      case 13:
+        compareRate();
+        break;
+      case 14:
+        compareSeries();
+        break;
+      case 15:
+        survive();
+        break;
+      default:
+        add();
+    }
+  }
+
+  void add() {
+    static constexpr double kLengths[] = {15, 7.5, 10, 6, 30, 120, 0.5, 3600, 86'400};
+    static constexpr double kFrequencies[] = {14'074'000, 14'080'000,  7'074'000, 1'800'000,
+                                              13'500'000, 450'000'001, 1e300};
+    static constexpr std::string_view kSources[] = {"FT8/14.074000", "FT4/14.080000", ""};
+    const std::string_view source = kSources[byte() % std::size(kSources)];
+    double frequency = kFrequencies[byte() % std::size(kFrequencies)];
+    double length = kLengths[byte() % std::size(kLengths)];
+    double start = pastTime(length);
+    double now = now_;
+    const std::uint64_t count = byte() % 20;
+    switch (byte()) {
+      case 0:
+        start = oddDouble();
+        break;
+      case 1:
+        length = oddDouble();
+        break;
+      case 2:
+        frequency = oddDouble();
+        break;
+      case 3:
+        now = oddDouble();
+        break;
+      default:
+        break;
+    }
+    addInterval(index_, source, count, now, start, length, frequency);
+    reference_.add(source, count, now, start, length, frequency);
+  }
+
+  void prune() {
+    const std::uint8_t how = byte();
+    const double now = how == 0 ? oddDouble() : now_ + (how - 128) * 60.0;
+    pruneIndex(index_, now);
+    reference_.prune(now);
+    compareHoldings();
+  }
+
+  void compareRate() {
+    const std::string_view band = someBand();
+    const int smoothing = byte() % 43 - 1;
+    const double t = pastTime(0);
+    expectSame(
+        [&] {
+          return Points{{t, rateAt(index_, band, smoothing, t)}};
+        },
+        [&] {
+          return Points{{t, reference_.rateAt(band, smoothing, t)}};
+        });
+  }
+
+  void compareSeries() {
+    static constexpr int kHours[] = {1, 1, 1, 1, 1, 1, 6, 24, 0, 2};
+    const std::string_view band = someBand();
+    const int smoothing = byte() % 43 - 1;
+    const int hours = kHours[byte() % std::size(kHours)];
+    const double now = std::floor(now_);
+    if (std::exchange(hours_asked_, hours_asked_ + hours) > 30) return;  // keeps a script short
+    expectSame([&] { return bandSeries(index_, band, smoothing, hours, now); },
+               [&] { return reference_.series(band, smoothing, hours, now); });
+  }
+
+  void survive() {
+    const double now = anyDouble();
+    const double start = anyDouble();
+    addInterval(odd_index_, "", 1, now, start, anyDouble(), anyDouble());
+    addInterval(odd_index_, "", 1, start, start, 15, 14'074'000);
+    const std::optional<double> rate = rateAt(odd_index_, "20m", 1 + byte() % 40, anyDouble());
+    if (rate && !(*rate >= 0)) difference_ = "a rate below zero or not a number";
+    if (bandSeries(odd_index_, "20m", 1, 1, now).back().rate != rateAt(odd_index_, "20m", 1, now)) {
+      difference_ = "a curve that does not end in the rate now";
+    }
+    if (byte() == 0) pruneIndex(odd_index_, anyDouble());
+  }
+
+  void compareHoldings() {
+    const std::string held = ReferenceRates::text(index_);
+    const std::string expected = reference_.text();
+    if (held != expected) difference_ = "index holds\n" + held + "reference holds\n" + expected;
+  }
+
+  template <typename Real, typename Plain>
+  void expectSame(Real real, Plain plain) {
+    const Outcome answer = outcomeOf(real);
+    const Outcome expected = outcomeOf(plain);
+    if (answer == expected) return;
+    difference_ = "index answers\n" + answer.text() + "reference answers\n" + expected.text();
+  }
+
+  template <typename Query>
+  static Outcome outcomeOf(Query query) {
+    try {
+      return {query(), ""};
+    } catch (const std::invalid_argument& error) {
+      return {{}, error.what()};
+    }
+  }
+
+  std::string_view someBand() {
+    static constexpr std::string_view kBands[] = {
+        "20m", "20m", "40m", "160m", "13.500000 MHz", "450.000001 MHz", "6m", ""};
+    return kBands[byte() % std::size(kBands)];
+  }
+
+  // A time on the grid, mostly a little before now; `length` lets an end fall around now + 1.
+  double pastTime(double length) {
+    switch (byte() % 8) {
+      case 0:
+        return now_ + 1 - length + signedByte() * 0.125;
+      case 1:
+        return now_ - kRetention + signedByte() * 0.5;
+      case 2:
+        return now_ - byte() * 256.0 - byte();
+      case 3:
+        return std::floor(now_ / 60) * 60 - (byte() % 16) * 60.0;
+      case 4:
+        return now_ + signedByte() * 60.0;
+      default:
+        return now_ - length - byte() * 7.5;
+    }
+  }
+
+  double oddDouble() {
+    static constexpr double kOdd[] = {std::numeric_limits<double>::quiet_NaN(),
+                                      std::numeric_limits<double>::infinity(),
+                                      -std::numeric_limits<double>::infinity(), 0, -15};
+    return kOdd[byte() % std::size(kOdd)];
+  }
+
+  double anyDouble() {
+    std::uint64_t bits = 0;
+    for (int i = 0; i < 8; ++i) bits = bits << 8 | byte();
+    return std::bit_cast<double>(bits);
+  }
+
+  int signedByte() { return static_cast<std::int8_t>(byte()); }
+
+  std::uint8_t byte() {
+    if (bytes_.empty()) return 0;
+    const std::uint8_t first = bytes_.front();
+    bytes_ = bytes_.subspan(1);
+    return first;
+  }
+
+  std::span<const std::uint8_t> bytes_;
+  double now_ = kEpoch;
+  BandRateIndex index_;
+  ReferenceRates reference_;
+  BandRateIndex odd_index_;
+  int hours_asked_ = 0;
+  std::string difference_;
+};
+
+}  // namespace launcher

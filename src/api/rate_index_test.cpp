@@ -1,0 +1,487 @@
+#include "api/rate_index.hpp"
+
+#include <cmath>
+#include <limits>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "api/rate_index_reference.hpp"
+
+namespace launcher {
+namespace {
+
+constexpr double kNow = 1'763'175'600;  // a whole minute
+constexpr double kInfinity = std::numeric_limits<double>::infinity();
+constexpr double kLargest = std::numeric_limits<double>::max();
+
+constexpr double k20m = 14'074'000;
+constexpr double k40m = 7'074'000;
+
+// One interval on 20 m that ended in time to be accepted.
+void addFt8(BandRateIndex& index, double start, std::uint64_t count) {
+  addInterval(index, "FT8/14.074000", count, start + 15, start, 15, k20m);
+}
+
+std::size_t recordsOf(const BandRateIndex& index, std::string_view band) {
+  std::size_t records = 0;
+  const auto found = index.find(band);
+  if (found == index.end()) return 0;
+  for (const auto& [minute, bucket] : found->second.by_minute) records += bucket.size();
+  return records;
+}
+
+template <typename Call>
+std::string messageOf(Call call) {
+  try {
+    call();
+  } catch (const std::invalid_argument& error) {
+    return error.what();
+  }
+  return "nothing thrown";
+}
+
+TEST(MinuteOf, FloorsOnBothSidesOfTheEpoch) {
+  const struct {
+    double t;
+    std::int64_t minute;
+  } cases[] = {{0, 0},
+               {59.999, 0},
+               {60, 1},
+               {-0.001, -1},
+               {-60, -1},
+               {-60.5, -2},
+               {kNow, 29'386'260},
+               {kNow - 0.5, 29'386'259}};
+  for (const auto& c : cases) EXPECT_EQ(minuteOf(c.t), c.minute) << c.t;
+}
+
+TEST(MinuteOf, StopsAtTheEndsOfTheInteger) {
+  const auto lowest = std::numeric_limits<std::int64_t>::min();
+  const auto highest = std::numeric_limits<std::int64_t>::max();
+  const struct {
+    double t;
+    std::int64_t minute;
+  } cases[] = {{0x1p62 * 60, std::int64_t{1} << 62},
+               {0x1p63 * 60, highest},
+               {1e300, highest},
+               {kInfinity, highest},
+               {-0x1p63 * 60, lowest},
+               {-1e300, lowest},
+               {-kInfinity, lowest}};
+  for (const auto& c : cases) EXPECT_EQ(minuteOf(c.t), c.minute) << c.t;
+}
+
+TEST(ChannelKey, HasSixDecimalsAlways) {
+  const struct {
+    const char* mode;
+    double hz;
+    const char* key;
+  } cases[] = {{"FT8", 14'074'000, "FT8/14.074000"},
+               {"JS8-FAST", 7'078'000, "JS8-FAST/7.078000"},
+               {"unknown", 0, "unknown/0.000000"},
+               {"WSPR", 14'095'600.4, "WSPR/14.095600"},
+               {"", 136'000, "/0.136000"}};
+  for (const auto& c : cases) EXPECT_EQ(channelKey(c.mode, c.hz), c.key) << c.key;
+}
+
+TEST(ChannelKey, AnAbsurdFrequencyIsWrittenOutInFull) {
+  EXPECT_EQ(channelKey("FT8", 1e300).size(), 4u + 295u + 7u);
+  EXPECT_NE(channelKey("FT8", 1e300), channelKey("FT8", 1.0000001e300));
+}
+
+TEST(AddInterval, FilesTheIntervalUnderItsBandMinuteAndSecond) {
+  BandRateIndex index;
+  addInterval(index, "FT8/14.074000", 12, kNow + 60, kNow + 45, 15, k20m);
+  ASSERT_EQ(index.size(), 1u);
+  const BandRateEntry& band = index.at("20m");
+  EXPECT_EQ(band.first_start, kNow + 45);
+  EXPECT_EQ(band.max_length, 15);
+  ASSERT_EQ(band.by_minute.size(), 1u);
+  const IntervalBucket& bucket = band.by_minute.at(29'386'260);
+  ASSERT_EQ(bucket.size(), 1u);
+  const IntervalRecord& record = bucket.at("FT8/14.074000@45");
+  EXPECT_EQ(record.start, kNow + 45);
+  EXPECT_EQ(record.end, kNow + 60);
+  EXPECT_EQ(record.count, 12u);
+}
+
+TEST(AddInterval, KeysTakeTheWholeSecondOfTheMinute) {
+  const struct {
+    double start;
+    std::int64_t minute;
+    const char* key;
+  } cases[] = {{0, 0, "a@0"},      {7.5, 0, "a@7"},  {59.9, 0, "a@59"}, {60, 1, "a@0"},
+               {-0.5, -1, "a@59"}, {-60, -1, "a@0"}, {-52.5, -1, "a@7"}};
+  for (const auto& c : cases) {
+    BandRateIndex index;
+    addInterval(index, "a", 1, 100, c.start, 1, k20m);
+    ASSERT_TRUE(index.contains("20m")) << c.start;
+    const auto& by_minute = index.at("20m").by_minute;
+    ASSERT_TRUE(by_minute.contains(c.minute)) << c.start;
+    EXPECT_TRUE(by_minute.at(c.minute).contains(c.key)) << c.start;
+  }
+}
+
+TEST(AddInterval, OffPlanFrequenciesGetEntriesToo) {
+  BandRateIndex index;
+  addInterval(index, "FT8/13.500000", 1, kNow, kNow - 15, 15, 13'500'000);
+  EXPECT_EQ(recordsOf(index, "13.500000 MHz"), 1u);
+}
+
+TEST(AddInterval, RefusesSilently) {
+  const double nan = std::nan("");
+  const struct {
+    const char* name;
+    double now;
+    double start;
+    double length;
+    double hz;
+  } cases[] = {
+      {"now not a number", nan, kNow - 15, 15, k20m},
+      {"now infinite", kInfinity, kNow - 15, 15, k20m},
+      {"start not a number", kNow, nan, 15, k20m},
+      {"start infinite", kNow, -kInfinity, 15, k20m},
+      {"length not a number", kNow, kNow - 15, nan, k20m},
+      {"length infinite", kNow, kNow - 15, kInfinity, k20m},
+      {"length zero", kNow, kNow - 15, 0, k20m},
+      {"length negative", kNow, kNow - 15, -15, k20m},
+      {"not finished", kNow, kNow - 13.5, 15, k20m},
+      {"an end beyond any number", kLargest, kLargest, kLargest, k20m},
+      {"too old", kNow, kNow - 89'100.5, 15, k20m},
+      {"frequency not a number", kNow, kNow - 15, 15, nan},
+      {"frequency infinite", kNow, kNow - 15, 15, kInfinity},
+  };
+  for (const auto& c : cases) {
+    BandRateIndex index;
+    addInterval(index, "FT8/14.074000", 1, c.now, c.start, c.length, c.hz);
+    EXPECT_TRUE(index.empty()) << c.name;
+  }
+}
+
+TEST(AddInterval, ARefusedIntervalLeavesOldMinutesAlone) {
+  const struct {
+    const char* name;
+    double start;
+    double length;
+    double hz;
+  } cases[] = {{"not finished", kNow, 15, k20m},
+               {"too old", kNow - 90'000, 15, k20m},
+               {"length zero", kNow - 15, 0, k20m},
+               {"frequency not a number", kNow - 15, 15, std::nan("")}};
+  for (const auto& c : cases) {
+    BandRateIndex index;
+    addFt8(index, kNow - 100'000, 1);
+    addInterval(index, "FT8/14.074000", 1, kNow, c.start, c.length, c.hz);
+    EXPECT_EQ(recordsOf(index, "20m"), 1u) << c.name;
+    EXPECT_EQ(index.at("20m").first_start, kNow - 100'000) << c.name;
+  }
+}
+
+TEST(AddInterval, AnEndOneSecondAheadIsTheLastAccepted) {
+  BandRateIndex index;
+  addInterval(index, "late", 1, kNow, std::nextafter(kNow - 14, kInfinity), 15, k20m);
+  EXPECT_EQ(recordsOf(index, "20m"), 0u);
+  addInterval(index, "in time", 1, kNow, kNow - 14, 15, k20m);
+  EXPECT_EQ(recordsOf(index, "20m"), 1u);
+}
+
+TEST(AddInterval, AStartAtTheHorizonIsTheOldestAccepted) {
+  BandRateIndex index;
+  addInterval(index, "older", 1, kNow, std::nextafter(kNow - 89'100, 0), 15, k20m);
+  EXPECT_EQ(recordsOf(index, "20m"), 0u);
+  addInterval(index, "oldest", 1, kNow, kNow - 89'100, 15, k20m);
+  EXPECT_EQ(recordsOf(index, "20m"), 1u);
+}
+
+TEST(AddInterval, TheFirstReportOfAnIntervalStays) {
+  BandRateIndex index;
+  addInterval(index, "FT8/14.074000", 12, kNow, kNow - 15, 15, k20m);
+  addInterval(index, "FT8/14.074000", 99, kNow, kNow - 15, 15, k20m);
+  EXPECT_EQ(recordsOf(index, "20m"), 1u);
+  EXPECT_EQ(rateAt(index, "20m", 3, kNow), 2880);
+}
+
+TEST(AddInterval, StartsWithinOneSecondAreOneInterval) {
+  BandRateIndex index;
+  addInterval(index, "a", 1, kNow, kNow - 15, 10, k20m);
+  addInterval(index, "a", 1, kNow, kNow - 14.5, 10, k20m);
+  EXPECT_EQ(recordsOf(index, "20m"), 1u);
+  addInterval(index, "a", 1, kNow, kNow - 14, 10, k20m);
+  EXPECT_EQ(recordsOf(index, "20m"), 2u);
+}
+
+TEST(AddInterval, ARefusedDuplicateStillWidensTheBand) {
+  BandRateIndex index;
+  addInterval(index, "a", 1, kNow, kNow - 30, 7.5, k20m);
+  addInterval(index, "a", 5, kNow, kNow - 29.5, 20, k20m);
+  EXPECT_EQ(index.at("20m").first_start, kNow - 30);
+  EXPECT_EQ(index.at("20m").max_length, 20);
+  addInterval(index, "b", 1, kNow, kNow - 44.5, 7.5, k20m);
+  addInterval(index, "b", 5, kNow, kNow - 45, 6, k20m);
+  EXPECT_EQ(index.at("20m").first_start, kNow - 45);
+  EXPECT_EQ(index.at("20m").max_length, 20);
+  EXPECT_EQ(recordsOf(index, "20m"), 2u);
+}
+
+TEST(AddInterval, OtherSourcesBandsAndMinutesAreOtherIntervals) {
+  BandRateIndex index;
+  addInterval(index, "a", 1, kNow, kNow - 120, 15, k20m);
+  addInterval(index, "b", 1, kNow, kNow - 120, 15, k20m);
+  addInterval(index, "a", 1, kNow, kNow - 60, 15, k20m);
+  addInterval(index, "a", 1, kNow, kNow - 120, 15, k40m);
+  EXPECT_EQ(recordsOf(index, "20m"), 3u);
+  EXPECT_EQ(recordsOf(index, "40m"), 1u);
+}
+
+TEST(AddInterval, PrunesEveryBandFirst) {
+  BandRateIndex index;
+  addInterval(index, "a", 1, kNow - 89'100, kNow - 89'115, 15, k40m);
+  addInterval(index, "a", 1, kNow, kNow - 15, 15, k20m);
+  EXPECT_FALSE(index.contains("40m"));
+  EXPECT_TRUE(index.contains("20m"));
+}
+
+TEST(PruneIndex, KeepsTheMinuteOfTheHorizonWhole) {
+  BandRateIndex index;
+  addFt8(index, kNow, 1);
+  addFt8(index, kNow + 60, 1);
+  pruneIndex(index, kNow + 59.5 + 89'100);  // the horizon lies within the first minute
+  EXPECT_EQ(recordsOf(index, "20m"), 2u);
+  pruneIndex(index, kNow + 60 + 89'100);
+  EXPECT_EQ(recordsOf(index, "20m"), 1u);
+}
+
+TEST(PruneIndex, ABandKeepsItsFirstStartWhileItHasAMinute) {
+  BandRateIndex index;
+  addInterval(index, "a", 1, kNow, kNow - 120, 120, k20m);
+  addFt8(index, kNow + 600, 1);
+  pruneIndex(index, kNow + 600 + 89'100);
+  ASSERT_EQ(recordsOf(index, "20m"), 1u);
+  EXPECT_EQ(index.at("20m").first_start, kNow - 120);
+  EXPECT_EQ(index.at("20m").max_length, 120);
+}
+
+TEST(PruneIndex, AnEmptyBandIsForgottenAndStartsAfresh) {
+  BandRateIndex index;
+  addInterval(index, "a", 1, kNow, kNow - 120, 120, k20m);
+  pruneIndex(index, kNow + 2 * 89'100);
+  EXPECT_TRUE(index.empty());
+  addFt8(index, kNow + 2 * 89'100, 1);
+  EXPECT_EQ(index.at("20m").first_start, kNow + 2 * 89'100);
+  EXPECT_EQ(index.at("20m").max_length, 15);
+}
+
+TEST(PruneIndex, ATimeThatIsNotFiniteDropsNothing) {
+  for (const double now : {std::nan(""), kInfinity, -kInfinity}) {
+    BandRateIndex index;
+    addFt8(index, kNow, 1);
+    pruneIndex(index, now);
+    EXPECT_EQ(recordsOf(index, "20m"), 1u) << now;
+  }
+}
+
+TEST(RateAt, ABandJustHeardIsNotDiluted) {
+  BandRateIndex index;
+  addFt8(index, kNow - 15, 12);
+  EXPECT_EQ(rateAt(index, "20m", 3, kNow), 2880);
+}
+
+TEST(RateAt, AQuietBandIsAGapAfterSeventyFiveSeconds) {
+  BandRateIndex index;
+  addFt8(index, kNow - 15, 12);
+  EXPECT_EQ(rateAt(index, "20m", 3, kNow + 75), 12.0 * 3600 / 90);
+  EXPECT_EQ(rateAt(index, "20m", 3, kNow + 75.5), std::nullopt);
+  EXPECT_EQ(rateAt(index, "20m", 5, kNow + 200), std::nullopt);
+}
+
+TEST(RateAt, LongIntervalsStayFreshForTheirLengthAndFifteenSeconds) {
+  BandRateIndex index;
+  addInterval(index, "WSPR/14.095600", 4, kNow, kNow - 120, 120, k20m);
+  EXPECT_EQ(rateAt(index, "20m", 5, kNow + 135), 4.0 * 3600 / 255);
+  EXPECT_EQ(rateAt(index, "20m", 5, kNow + 135.5), std::nullopt);
+}
+
+TEST(RateAt, TheWindowIsOpenAtItsBeginningAndClosedAtItsEnd) {
+  BandRateIndex index;
+  addFt8(index, kNow - 600, 1000);      // so that the band is older than the window
+  addFt8(index, kNow - 180 - 15, 100);  // ends exactly at the beginning of the window
+  addFt8(index, kNow - 165 - 15, 7);    // ends inside
+  addFt8(index, kNow - 15, 12);         // ends exactly at t
+  addInterval(index, "FT8/14.074000", 50, kNow + 1, kNow - 14, 15, k20m);  // ends after t
+  EXPECT_EQ(rateAt(index, "20m", 3, kNow), 19.0 * 3600 / 180);
+}
+
+TEST(RateAt, AWsprBandIsAveragedOverItsSlotAtLeast) {
+  BandRateIndex index;
+  addInterval(index, "w", 6, kNow - 120, kNow - 240, 120, k20m);
+  addInterval(index, "w", 4, kNow, kNow - 120, 120, k20m);
+  EXPECT_EQ(rateAt(index, "20m", 1, kNow), 4.0 * 3600 / 120);
+  EXPECT_EQ(rateAt(index, "20m", 3, kNow), 10.0 * 3600 / 180);
+}
+
+TEST(RateAt, LongIntervalsThatStartFarBeforeTheWindowCount) {
+  // Starts 119.5 s before the window opens, ends just inside it.
+  BandRateIndex index;
+  addInterval(index, "w", 6, kNow, kNow - 179.5 - 60, 120, k20m);
+  addInterval(index, "a", 1, kNow, kNow - 15, 15, k20m);
+  EXPECT_EQ(rateAt(index, "20m", 1, kNow), 7.0 * 3600 / 120);
+}
+
+TEST(RateAt, ASlotWithoutDecodesIsAZeroNotAGap) {
+  BandRateIndex index;
+  addFt8(index, kNow - 15, 0);
+  EXPECT_EQ(rateAt(index, "20m", 3, kNow), 0);
+}
+
+TEST(RateAt, UnknownBandsAndTimesThatAreNotFiniteAreEmpty) {
+  BandRateIndex index;
+  addFt8(index, kNow - 15, 1);
+  EXPECT_EQ(rateAt(index, "40m", 3, kNow), std::nullopt);
+  EXPECT_EQ(rateAt(index, "", 3, kNow), std::nullopt);
+  EXPECT_EQ(rateAt(index, "20M", 3, kNow), std::nullopt);
+  EXPECT_EQ(rateAt(index, "20m", 3, std::nan("")), std::nullopt);
+  EXPECT_EQ(rateAt(index, "20m", 3, kInfinity), std::nullopt);
+  EXPECT_EQ(rateAt(index, "20m", 3, -kInfinity), std::nullopt);
+}
+
+TEST(RateAt, ABandWithoutMinutesIsEmpty) {
+  BandRateIndex index;
+  index.try_emplace("20m", BandRateEntry{kNow - 15, 15, {}});
+  EXPECT_EQ(rateAt(index, "20m", 3, kNow), std::nullopt);
+}
+
+TEST(RateAt, BeforeTheBandWasHeardThereIsNothing) {
+  BandRateIndex index;
+  addFt8(index, kNow, 12);
+  EXPECT_EQ(rateAt(index, "20m", 3, kNow + 14), std::nullopt);
+  EXPECT_EQ(rateAt(index, "20m", 3, kNow - 60), std::nullopt);
+}
+
+TEST(RateAt, AWindowOfNoLengthIsEmpty) {
+  // Where doubles are 64 s apart a 15 s interval ends as it starts.
+  const double far = 0x1p58;
+  BandRateIndex index;
+  addInterval(index, "a", 1, far, far, 15, k20m);
+  ASSERT_EQ(recordsOf(index, "20m"), 1u);
+  EXPECT_EQ(rateAt(index, "20m", 3, far), std::nullopt);
+}
+
+TEST(RateAt, SmoothingIsOneToFortyMinutes) {
+  BandRateIndex index;
+  addFt8(index, kNow - 15, 1);
+  for (const int smoothing :
+       {0, 41, -1, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()}) {
+    for (const char* band : {"20m", "no such band"}) {
+      EXPECT_EQ(messageOf([&] { rateAt(index, band, smoothing, kNow); }),
+                "Smoothing must be 1..40 minutes")
+          << smoothing << " " << band;
+    }
+  }
+  EXPECT_EQ(rateAt(index, "20m", 1, kNow), 240);
+  EXPECT_EQ(rateAt(index, "20m", 40, kNow), 240);
+}
+
+TEST(RateAt, CountsAddUpInSixtyFourBits) {
+  BandRateIndex index;
+  const std::uint64_t large = std::uint64_t{1} << 62;
+  addFt8(index, kNow - 3600, 0);
+  addFt8(index, kNow - 45, large);
+  addFt8(index, kNow - 30, large);
+  addFt8(index, kNow - 15, large);
+  EXPECT_EQ(rateAt(index, "20m", 3, kNow), 3 * 0x1p62 * 3600 / 180);
+}
+
+TEST(RateIndex, TimesBeyondAllSenseAreHarmless) {
+  for (const double t : {1e19, 0x1p63 * 60, 1e22, 1e100, kLargest}) {
+    for (const double now : {t, -t}) {
+      BandRateIndex index;
+      addInterval(index, "a", 1, now, now, 15, k20m);
+      EXPECT_EQ(recordsOf(index, "20m"), 1u) << now;
+      EXPECT_EQ(rateAt(index, "20m", 3, now), std::nullopt) << now;
+      addInterval(index, "b", 1, 0, -20, 15, k40m);
+      pruneIndex(index, 0);
+      EXPECT_EQ(index.contains("20m"), now > 0) << now;
+      EXPECT_TRUE(index.contains("40m")) << now;
+      EXPECT_LE(bandSeries(index, "40m", 3, 1, now).size(), 61u) << now;
+    }
+  }
+}
+
+TEST(BandSeries, HasAPointAMinuteAndEndsNow) {
+  const struct {
+    int hours;
+    std::size_t points;
+  } cases[] = {{1, 61}, {6, 361}, {24, 1441}};
+  const BandRateIndex index;
+  for (const auto& c : cases) {
+    const std::vector<RatePoint> points = bandSeries(index, "20m", 3, c.hours, kNow + 17);
+    ASSERT_EQ(points.size(), c.points) << c.hours;
+    EXPECT_EQ(points.front().t, kNow + 17 - c.hours * 3600) << c.hours;
+    EXPECT_EQ(points.back().t, kNow + 17) << c.hours;
+    for (std::size_t i = 1; i < points.size(); ++i) {
+      ASSERT_EQ(points[i].t - points[i - 1].t, 60) << c.hours << " " << i;
+    }
+  }
+}
+
+TEST(BandSeries, EveryPointIsTheRateThen) {
+  BandRateIndex index;
+  for (int slot = 240; slot > 40; --slot) addFt8(index, kNow - 15 * slot, 3);
+  addFt8(index, kNow - 15, 12);
+  const std::vector<RatePoint> points = bandSeries(index, "20m", 5, 1, kNow);
+  for (const RatePoint& point : points) {
+    EXPECT_EQ(point.rate, rateAt(index, "20m", 5, point.t)) << point.t;
+  }
+  EXPECT_EQ(points[0].rate, std::nullopt);  // the band's first slot begins here
+  EXPECT_EQ(points[1].rate, 720);
+  EXPECT_EQ(points[30].rate, 720);
+  EXPECT_EQ(points[55].rate, std::nullopt);  // quiet
+  EXPECT_EQ(points[60].rate, 12.0 * 3600 / 300);
+}
+
+TEST(BandSeries, HoursAreOneSixOrTwentyFour) {
+  const BandRateIndex index;
+  for (const int hours : {0, 2, 12, 23, 25, -1, -24, std::numeric_limits<int>::max()}) {
+    for (const int smoothing : {3, 0}) {
+      EXPECT_EQ(messageOf([&] { bandSeries(index, "20m", smoothing, hours, kNow); }),
+                "History view must be 1, 6 or 24 hours")
+          << hours << " " << smoothing;
+    }
+  }
+}
+
+TEST(BandSeries, SmoothingIsOneToFortyMinutes) {
+  const BandRateIndex index;
+  for (const int smoothing : {0, 41}) {
+    EXPECT_EQ(messageOf([&] { bandSeries(index, "no such band", smoothing, 6, kNow); }),
+              "Smoothing must be 1..40 minutes")
+        << smoothing;
+  }
+}
+
+TEST(BandSeries, ATimeThatIsNotFiniteIsOnePointWithoutARate) {
+  BandRateIndex index;
+  addFt8(index, kNow - 15, 1);
+  for (const double now : {std::nan(""), kInfinity, -kInfinity}) {
+    const std::vector<RatePoint> points = bandSeries(index, "20m", 3, 1, now);
+    ASSERT_EQ(points.size(), 1u) << now;
+    EXPECT_EQ(points[0].rate, std::nullopt) << now;
+  }
+}
+
+TEST(RateIndex, AgreesWithAFlatListOverRandomScripts) {
+  for (unsigned seed = 0; seed < 1000; ++seed) {
+    std::mt19937_64 random(seed);
+    std::vector<std::uint8_t> script(50 + random() % 1200);
+    for (auto& byte : script) byte = static_cast<std::uint8_t>(random());
+    ASSERT_EQ(RateScript(script).run(), "") << "seed " << seed;
+  }
+}
+
+}  // namespace
+}  // namespace launcher

@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds everything and runs the tests.
+#
+#   ./test.sh              all of them
+#   ./test.sh -R Layers    arguments go to ctest as they are
+#
+# With CI=true in the environment compiler warnings are errors.
+set -euo pipefail
+
+checkout=$(dirname -- "$(realpath -- "${BASH_SOURCE[0]}")")
+# shellcheck source=tools/setup.bash
+source "$checkout/tools/setup.bash"
+
+warnings_are_errors=OFF
+[[ ${CI:-} != true ]] || warnings_are_errors=ON
+
+need_packages "${build_packages[@]}" libgtest-dev libgmock-dev clang-format
+configure -D BUILD_TESTING=ON -D SPOT_WERROR=$warnings_are_errors
+build
+exec ctest --test-dir "$build" --output-on-failure --no-tests=error --parallel "$(nproc)" "$@"
