@@ -1,0 +1,223 @@
+#include "history/history_reader.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <memory>
+#include <span>
+#include <thread>
+
+#include <sqlite3.h>
+
+#include "api/rate_index.hpp"
+#include "server/owned.hpp"
+#include "spots/mode.hpp"
+
+namespace spotserver {
+namespace {
+
+using Connection = std::unique_ptr<sqlite3, With<sqlite3_close>>;
+using Statement = std::unique_ptr<sqlite3_stmt, With<sqlite3_finalize>>;
+
+constexpr int kNewestSchema = 2;
+
+// Longest text, blob or row that SQLite may build for us. Receivers have short names; a field of
+// 400 MB fails the read instead.
+constexpr int kMaxFieldBytes = 64 << 10;
+
+// How often SQLite asks whether to go on: every so many steps of its virtual machine, some 50 us.
+constexpr int kStepsBetweenChecks = 1000;
+
+// Pause before a locked file is tried again.
+constexpr std::chrono::milliseconds kRetryPause{5};
+
+constexpr char kSelectWindow[] =
+    "SELECT receiver,frequency,mode,minute,mask,counts FROM minutes WHERE minute BETWEEN ? AND ? "
+    "ORDER BY minute,receiver";
+
+// When a read gives up. SQLite asks it while it waits and while it works.
+class Patience {
+ public:
+  Patience(std::stop_token stop, const HistoryLimits& limits)
+      : stop_(std::move(stop)),
+        deadline_(std::chrono::steady_clock::now() + limits.time),
+        memory_(limits.memory) {}
+
+  // Busy handler: sleeps a little and returns 1 to try again, or 0 to give up.
+  static int afterBusy(void* self, int /*tries*/) {
+    const auto& patience = *static_cast<const Patience*>(self);
+    const auto left = patience.deadline_ - std::chrono::steady_clock::now();
+    if (left <= left.zero() || patience.stop_.stop_requested()) return 0;
+    std::this_thread::sleep_for(std::min<std::chrono::nanoseconds>(left, kRetryPause));
+    return 1;
+  }
+
+  // Progress handler: returns 1 to interrupt. SQLite serves nothing else in this process, so what
+  // it holds is what this read holds.
+  static int whileWorking(void* self) {
+    const auto& patience = *static_cast<const Patience*>(self);
+    return patience.stop_.stop_requested() ||
+                   std::chrono::steady_clock::now() >= patience.deadline_ ||
+                   static_cast<std::size_t>(sqlite3_memory_used()) > patience.memory_
+               ? 1
+               : 0;
+  }
+
+ private:
+  std::stop_token stop_;
+  std::chrono::steady_clock::time_point deadline_;
+  std::size_t memory_;
+};
+
+[[noreturn]] void fail(sqlite3* database) {
+  const int cause = sqlite3_system_errno(database);  // of the last file that could not be opened
+  if (sqlite3_errcode(database) == SQLITE_CANTOPEN && (cause == EMFILE || cause == ENFILE)) {
+    throw OutOfDescriptors(sqlite3_errmsg(database));
+  }
+  throw std::runtime_error(sqlite3_errmsg(database));
+}
+
+Connection open(const std::string& path) {
+  sqlite3* handle = nullptr;
+  const int result =
+      sqlite3_open_v2(path.c_str(), &handle, SQLITE_OPEN_READONLY | SQLITE_OPEN_FULLMUTEX, nullptr);
+  Connection database(handle);  // a failed open may leave a handle as well
+  if (!database) throw std::runtime_error("Cannot open history");
+  if (result != SQLITE_OK) fail(database.get());
+  return database;
+}
+
+void configure(sqlite3* database, Patience& patience) {
+  sqlite3_limit(database, SQLITE_LIMIT_LENGTH, kMaxFieldBytes);
+  sqlite3_progress_handler(database, kStepsBetweenChecks, Patience::whileWorking, &patience);
+  // Results are ignored: on a read-only connection these are wishes. The last two keep sorting out
+  // of temporary files, and views of the file away from functions with side effects.
+  for (const char* pragma : {"PRAGMA journal_mode=WAL", "PRAGMA synchronous=NORMAL",
+                             "PRAGMA temp_store=MEMORY", "PRAGMA trusted_schema=OFF"}) {
+    sqlite3_exec(database, pragma, nullptr, nullptr, nullptr);
+  }
+  // Stands in for sqlite3_busy_timeout, whose wait nobody can end.
+  sqlite3_busy_handler(database, Patience::afterBusy, &patience);
+}
+
+Statement prepare(sqlite3* database, const char* sql) {
+  sqlite3_stmt* handle = nullptr;
+  if (sqlite3_prepare_v2(database, sql, -1, &handle, nullptr) != SQLITE_OK) fail(database);
+  return Statement(handle);
+}
+
+// Whether there is another row.
+bool step(sqlite3* database, sqlite3_stmt* statement) {
+  const int result = sqlite3_step(statement);
+  if (result != SQLITE_ROW && result != SQLITE_DONE) fail(database);
+  return result == SQLITE_ROW;
+}
+
+void requireKnownSchema(sqlite3* database) {
+  const Statement version = prepare(database, "PRAGMA user_version");
+  if (step(database, version.get()) && sqlite3_column_int(version.get(), 0) > kNewestSchema) {
+    throw std::runtime_error("Unsupported history schema");
+  }
+}
+
+std::optional<std::string_view> textColumn(sqlite3_stmt* statement, int column) {
+  const unsigned char* text = sqlite3_column_text(statement, column);
+  if (text == nullptr) return std::nullopt;
+  const int size = sqlite3_column_bytes(statement, column);  // asked after the conversion to text
+  return std::string_view(reinterpret_cast<const char*>(text), static_cast<std::size_t>(size));
+}
+
+std::string_view blobColumn(sqlite3_stmt* statement, int column) {
+  const void* bytes = sqlite3_column_blob(statement, column);
+  const int size = sqlite3_column_bytes(statement, column);
+  if (bytes == nullptr) return {};
+  return {static_cast<const char*>(bytes), static_cast<std::size_t>(size)};
+}
+
+HistoryRow currentRow(sqlite3_stmt* statement) {
+  return {.receiver = textColumn(statement, 0),
+          .frequency = sqlite3_column_int64(statement, 1),
+          .mode = textColumn(statement, 2),
+          .minute = sqlite3_column_int64(statement, 3),
+          .mask = sqlite3_column_int(statement, 4),
+          .counts = blobColumn(statement, 5)};
+}
+
+std::size_t footprint(std::span<const HistoryObservation> observations) {
+  std::size_t bytes = observations.size_bytes();
+  for (const auto& one : observations) bytes += one.receiver.size();
+  return bytes;
+}
+
+std::vector<HistoryObservation> readWindow(sqlite3* database, double from, double to,
+                                           std::size_t memory) {
+  const Statement rows = prepare(database, kSelectWindow);
+  sqlite3_bind_int64(rows.get(), 1, launcher::minuteOf(from));
+  sqlite3_bind_int64(rows.get(), 2, launcher::minuteOf(to));
+  std::vector<HistoryObservation> found;
+  std::size_t held = 0;  // bytes
+  while (step(database, rows.get())) {
+    const std::size_t before = found.size();
+    expandRow(currentRow(rows.get()), from, to, found);
+    held += footprint(std::span(found).subspan(before));
+    if (held > memory) throw std::runtime_error("History window too large");
+  }
+  return found;
+}
+
+int slotsPerMinute(double slot_seconds) {
+  return std::max(1, static_cast<int>(60.0 / slot_seconds));
+}
+
+std::uint64_t littleEndian64(std::string_view bytes) {
+  std::uint64_t value = 0;
+  for (std::size_t i = 8; i-- > 0;) value = value << 8 | static_cast<unsigned char>(bytes[i]);
+  return value;
+}
+
+}  // namespace
+
+void expandRow(const HistoryRow& row, double from, double to,
+               std::vector<HistoryObservation>& out) {
+  if (!row.receiver || !row.mode) throw std::runtime_error("Invalid history text");
+  const auto mode = modeFromName(*row.mode);
+  if (!mode) throw std::runtime_error("Invalid history mode");
+  const double length = slotSeconds(*mode);
+  const int slots = slotsPerMinute(length);
+  if (row.mask < 0 || row.mask >= 1 << slots) throw std::runtime_error("Invalid history mask");
+  if (row.counts.size() != static_cast<std::size_t>(std::max(slots, 8)) * 8) {
+    throw std::runtime_error("Invalid history counts");
+  }
+  const double base = static_cast<double>(row.minute) * 60.0;
+  for (int i = 0; i < slots; ++i) {
+    const double start = i * length + base;
+    if ((row.mask >> i & 1) == 0 || !(start >= from && start + length <= to + 1.0)) continue;
+    out.push_back({.receiver = std::string(*row.receiver),
+                   .mode = std::string(*row.mode),
+                   .frequency = static_cast<double>(row.frequency),
+                   .start = start,
+                   .count = littleEndian64(row.counts.substr(static_cast<std::size_t>(i) * 8, 8))});
+  }
+}
+
+std::vector<HistoryObservation> readHistory(const std::string& path, double from, double to,
+                                            std::stop_token stop, const HistoryLimits& limits) {
+  std::error_code ignored;
+  const auto type = std::filesystem::status(path, ignored).type();
+  if (type == std::filesystem::file_type::not_found) return {};
+  // SQLite would block in opening a FIFO.
+  if (type != std::filesystem::file_type::regular) throw std::runtime_error("Cannot open history");
+  if (stop.stop_requested()) throw std::runtime_error("interrupted");
+
+  Patience patience(std::move(stop), limits);  // outlives the connection that asks it
+  const Connection database = open(path);
+  configure(database.get(), patience);
+  requireKnownSchema(database.get());
+  auto found = readWindow(database.get(), from, to, limits.memory);
+  // Stable: of two receivers on one channel the same one comes first at every read.
+  std::stable_sort(found.begin(), found.end(),
+                   [](const auto& a, const auto& b) { return a.start < b.start; });
+  return found;
+}
+
+}  // namespace spotserver
