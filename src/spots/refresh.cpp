@@ -1,0 +1,128 @@
+#include "spots/refresh.hpp"
+
+#include <algorithm>
+#include <utility>
+
+#include "api/band_plan.hpp"
+#include "history/history_window.hpp"
+#include "spots/all_txt.hpp"
+#include "spots/log_reader.hpp"
+#include "spots/regular_file.hpp"
+
+namespace spotserver {
+namespace {
+
+using launcher::kRetention;
+
+constexpr double kClockStep = 600;       // seconds back that mean: the clock was set
+constexpr double kHistoryOverlap = 300;  // seconds read again
+constexpr double kLogMargin = 600;       // seconds before the retention that a log is begun at
+constexpr std::uint64_t kReadWhole = 1 << 20;  // bytes; a larger log is searched for its last day
+
+// Runs one step of a refresh. A failure (no memory, in practice) ends that step only: what it did
+// by then is whole, and the next refresh goes on from there.
+template <typename Step>
+void quietly(Step&& step) noexcept {
+  try {
+    step();
+  } catch (...) {
+  }
+}
+
+// As if neither source had ever been read. Callsigns stay until they age out.
+void forgetSources(SpotData& data) {
+  data.log = {};
+  data.left_out_from = std::numeric_limits<double>::infinity();
+  data.spots.clear();
+  data.intervals.clear();
+  data.rates.clear();
+  data.history_read_to = 0;
+}
+
+void refreshCountries(SpotData& data) {
+  const auto& candidates = data.cty_candidates;
+  const auto path = std::find_if(candidates.begin(), candidates.end(), isRegularFile);
+  if (path != candidates.end()) data.countries.reloadIfChanged(*path);
+}
+
+void refreshHistory(SpotData& data, double now, const std::stop_token& stop) {
+  if (data.history_path.empty()) return;
+  // After a long pause, what lies before the retention is not worth reading.
+  double from = now - kRetention;
+  if (data.history_read_to > 0) from = std::max(from, data.history_read_to - kHistoryOverlap);
+  readHistoryWindow(data, from, now, stop);
+}
+
+void holdSpot(SpotData& data, ParsedSpot spot, double now) {
+  if (spot.time > now + kRetention) {
+    data.left_out_from = std::min(data.left_out_from, spot.time);
+  } else {
+    data.spots.append(std::move(spot));
+  }
+}
+
+// Takes one line in. Whatever can fail comes first and may be repeated, the spot and the counts
+// come last: so a line that failed half way can be taken in again and still counts once.
+void consumeLine(SpotData& data, std::string_view line, double now) {
+  if (line.ends_with('\r')) line.remove_suffix(1);
+  auto record = parseAllTxtLine(line);
+  if (!record) return;
+  std::string band = launcher::bandForFrequency(record->frequency).id;
+  if (!isCounted(data.countries, record->callsign)) record->callsign.clear();
+  if (!record->callsign.empty()) recordCallsign(data, record->callsign, band, record->time);
+  if (!data.history_in_use) {
+    holdSpot(data,
+             {.time = record->time,
+              .frequency = record->frequency,
+              .mode = record->mode,
+              .band = std::move(band),
+              .callsign = std::move(record->callsign)},
+             now);
+  }
+  ++data.accepted_lines;
+  data.newest_decode = std::max(data.newest_decode, record->time);
+}
+
+void readNewLines(SpotData& data, const RegularFile& log, double now, const std::stop_token& stop) {
+  if (data.log.offset == 0 && log.size > kReadWhole) {
+    data.log = startOfLog(log, findLogStart(log, now - kRetention - kLogMargin));
+  }
+  readLogLines(
+      log, data.log, [&data, now](std::string_view line) { consumeLine(data, line, now); }, stop);
+}
+
+// Returns whether a line was consumed or the log is another than before.
+bool refreshLog(SpotData& data, double now, const std::stop_token& stop) {
+  const auto log = openRegularFile(data.all_txt_path);
+  if (!log) return false;
+  const bool first_look = data.log.inode == 0;
+  const auto continued = continuesLog(*log, data.log);
+  if (!continued) return false;
+  const bool start_over = !*continued || now >= data.left_out_from;
+  if (start_over) {
+    data.log = startOfLog(*log, 0);
+    data.left_out_from = std::numeric_limits<double>::infinity();
+    data.spots.clear();
+  }
+  const std::uint64_t before = data.log.offset;
+  quietly([&] { readNewLines(data, *log, now, stop); });
+  return (start_over && !first_look) || data.log.offset != before;
+}
+
+}  // namespace
+
+void refreshSpots(SpotData& data, double now, double min_interval,
+                  const std::stop_token& stop) noexcept {
+  if (data.demo) return;
+  const bool clock_was_set = now < data.last_refresh - kClockStep;
+  if (!clock_was_set && now - data.last_refresh < min_interval) return;
+  data.last_refresh = now;
+  if (clock_was_set) forgetSources(data);
+  refreshCountries(data);
+  quietly([&] { refreshHistory(data, now, stop); });
+  const bool log_moved = refreshLog(data, now, stop);
+  if (log_moved || clock_was_set) ++data.generation;
+  pruneSpots(data, now);
+}
+
+}  // namespace spotserver

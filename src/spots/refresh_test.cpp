@@ -1,0 +1,795 @@
+#include "spots/refresh.hpp"
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <limits>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "failing_memory.hpp"
+#include "history_file.hpp"
+#include "log_lines.hpp"
+#include "spots/refresh_reference.hpp"
+#include "temp_dir.hpp"
+
+namespace spotserver {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::Key;
+using ::testing::Pair;
+using ::testing::SizeIs;
+using ::testing::UnorderedElementsAre;
+
+constexpr double kNow = 1'741'947'330;  // 2025-03-14 10:15:30 UTC, half past a minute
+constexpr double kEver = std::numeric_limits<double>::infinity();
+
+constexpr const char* kCountries =
+    "Testland:  14:  27:  EU:  50.0:  -10.0:  -1.0:  N0:\n"
+    "    N0,DL;\n";
+
+// The callsigns of all spots held, in their order.
+std::vector<std::string> callsigns(const SpotData& data) {
+  std::vector<std::string> found;
+  data.spots.forEach(-kEver, kEver,
+                     [&](const ParsedSpot& spot) { found.push_back(spot.callsign); });
+  return found;
+}
+
+// A decode of `callsign` that is `age` seconds old at kNow.
+std::string heard(const std::string& callsign, double age = 10) {
+  return decodeLine(kNow - age, "CQ " + callsign + " FN42");
+}
+
+// A station's folder and the data read from it.
+class Refresh : public ::testing::Test {
+ protected:
+  Refresh() {
+    data.all_txt_path = dir.path("ALL.TXT");
+    data.cty_candidates = {dir.path("cty.dat"), dir.path("share/cty.dat")};
+  }
+
+  void writeLog(const std::string& text) { dir.write("ALL.TXT", text); }
+  void appendLog(const std::string& text) { dir.append("ALL.TXT", text); }
+  void refresh(double now = kNow) { refreshSpots(data, now, 0); }
+
+  // Sets the history up; it holds four slots of the minute that ended last at `time`.
+  HistoryFile makeHistory(double time = kNow) {
+    data.history_path = dir.path("history.sqlite3");
+    HistoryFile history(data.history_path);
+    addMinute(history, time);
+    return history;
+  }
+  static void addMinute(HistoryFile& history, double time) {
+    history.add({.minute = static_cast<std::int64_t>(time / 60) - 1});
+  }
+
+  TempDir dir;
+  SpotData data;
+};
+
+TEST_F(Refresh, LineBecomesASpot) {
+  writeLog("250314_101515    14.0740 Rx JS8-TURBO -12  0.2 1234 no sender\n");
+  refresh();
+  int visits = 0;
+  data.spots.forEach(-kEver, kEver, [&](const ParsedSpot& spot) {
+    ++visits;
+    EXPECT_EQ(spot.time, kNow - 15);
+    EXPECT_EQ(spot.frequency, 14'074'000);
+    EXPECT_EQ(spot.mode, 4);
+    EXPECT_EQ(spot.band, "20m");
+    EXPECT_EQ(spot.callsign, "");
+  });
+  EXPECT_EQ(visits, 1);
+  EXPECT_EQ(data.accepted_lines, 1u);
+  EXPECT_EQ(data.newest_decode, kNow - 15);
+  EXPECT_THAT(data.last_heard, IsEmpty());
+  EXPECT_THAT(data.last_heard_by_band, IsEmpty());
+}
+
+TEST_F(Refresh, SenderIsRecordedOverallAndOnTheBandOfTheDialFrequency) {
+  writeLog(decodeLine(kNow - 30, "CQ N0CALL FN42") + decodeLine(kNow - 15, "CQ N0CALL FN42", "99"));
+  refresh();
+  EXPECT_THAT(callsigns(data), ElementsAre("N0CALL", "N0CALL"));
+  EXPECT_THAT(data.last_heard, UnorderedElementsAre(Pair("N0CALL", kNow - 15)));
+  EXPECT_THAT(data.last_heard_by_band,
+              ElementsAre(Pair("20m", UnorderedElementsAre(Pair("N0CALL", kNow - 30))),
+                          Pair("99.000000 MHz", UnorderedElementsAre(Pair("N0CALL", kNow - 15)))));
+}
+
+TEST_F(Refresh, RejectedLinesLeaveNoTrace) {
+  writeLog("junk\n\n" + timestamp(kNow) + " 14.074 Tx FT8 -12 0.2 1234 CQ N0CALL FN42\n");
+  refresh();
+  EXPECT_TRUE(data.spots.empty());
+  EXPECT_THAT(data.last_heard, IsEmpty());
+  EXPECT_EQ(data.accepted_lines, 0u);
+  EXPECT_EQ(data.newest_decode, 0);
+}
+
+TEST_F(Refresh, OneCarriageReturnAtTheLinesEndIsNotPartOfIt) {
+  // A JS8 message must end with its bracket: there a carriage return shows.
+  const std::string line = timestamp(kNow) +
+                           " 14.0956 Rx JS8 -12 0.2 1234 X [frame=1 flags=0 "
+                           "sender=N0CALL grid=FN42]";
+  writeLog(line + "\r\n" + line + "\r\r\n");
+  refresh();
+  EXPECT_THAT(callsigns(data), ElementsAre("N0CALL", ""));
+}
+
+TEST_F(Refresh, NulBytesAreData) {
+  std::string line = heard("N0CALL");
+  line.insert(line.size() - 1, 1, '\0');
+  writeLog(line + heard("DL1ABC"));
+  refresh();
+  EXPECT_THAT(callsigns(data), ElementsAre("", "DL1ABC"));
+}
+
+TEST_F(Refresh, WithinTheMinimumIntervalNothingIsDone) {
+  writeLog(heard("N0CALL"));
+  refreshSpots(data, kNow, 15);
+  appendLog(heard("DL1ABC"));
+  refreshSpots(data, kNow + 14, 15);
+  EXPECT_THAT(callsigns(data), ElementsAre("N0CALL"));
+  EXPECT_EQ(data.last_refresh, kNow);
+  refreshSpots(data, kNow + 15, 15);
+  EXPECT_THAT(callsigns(data), ElementsAre("N0CALL", "DL1ABC"));
+  EXPECT_EQ(data.last_refresh, kNow + 15);
+}
+
+TEST_F(Refresh, MinimumIntervalOfZeroReadsEveryTime) {
+  writeLog(heard("N0CALL"));
+  refresh();
+  appendLog(heard("DL1ABC"));
+  refresh();
+  EXPECT_THAT(callsigns(data), SizeIs(2));
+}
+
+TEST_F(Refresh, SyntheticDataIsNeverTouched) {
+  writeLog(heard("N0CALL"));
+  data.demo = true;
+  data.spots.append({.time = 1, .band = "20m", .callsign = "demo"});
+  refresh();
+  EXPECT_THAT(callsigns(data), ElementsAre("demo"));
+  EXPECT_EQ(data.last_refresh, 0);
+  EXPECT_EQ(data.generation, 0u);
+}
+
+TEST_F(Refresh, LastLineWithoutANewlineIsNotCountedUntilItIsCompleted) {
+  const std::string line = heard("N0CALL");
+  writeLog(line.substr(0, line.size() - 1));
+  refresh();
+  EXPECT_TRUE(data.spots.empty());
+  EXPECT_EQ(data.accepted_lines, 0u);
+  EXPECT_EQ(data.log.offset, 0u);
+  appendLog("\n");
+  refresh();
+  EXPECT_THAT(callsigns(data), ElementsAre("N0CALL"));
+  EXPECT_EQ(data.log.offset, line.size());
+  refresh();
+  EXPECT_THAT(callsigns(data), ElementsAre("N0CALL"));
+}
+
+// What the country file does to senders.
+
+TEST_F(Refresh, SenderOfNoCountryIsStoredWithAnEmptyCallsignAndNotCounted) {
+  dir.write("cty.dat", kCountries);
+  writeLog(heard("N0CALL") + heard("QQ0QQ") + heard("DL1ABC"));
+  refresh();
+  EXPECT_THAT(callsigns(data), ElementsAre("N0CALL", "", "DL1ABC"));
+  EXPECT_THAT(data.last_heard, UnorderedElementsAre(Key("N0CALL"), Key("DL1ABC")));
+  EXPECT_THAT(data.last_heard_by_band.at("20m"), SizeIs(2));
+  EXPECT_EQ(data.accepted_lines, 3u);
+}
+
+TEST_F(Refresh, WithoutACountryFileEverySenderIsCounted) {
+  writeLog(heard("N0CALL") + heard("QQ0QQ"));
+  refresh();
+  EXPECT_THAT(callsigns(data), ElementsAre("N0CALL", "QQ0QQ"));
+  EXPECT_THAT(data.last_heard, UnorderedElementsAre(Key("N0CALL"), Key("QQ0QQ")));
+}
+
+TEST_F(Refresh, CountryFileIsTheFirstCandidateThatIsARegularFile) {
+  std::filesystem::create_directory(dir.path("share"));
+  std::filesystem::create_directory(dir.path("cty.dat"));
+  dir.write("share/cty.dat", kCountries);
+  writeLog(heard("QQ0QQ"));
+  refresh();
+  EXPECT_THAT(callsigns(data), ElementsAre(""));
+  // A preferred file that appears later is taken from then on.
+  std::filesystem::remove(dir.path("cty.dat"));
+  dir.write("cty.dat", "Otherland: 14: 27: EU: 50.0: -10.0: -1.0: QQ0:\n    QQ0;\n");
+  appendLog(heard("QQ0QQ"));
+  refresh();
+  EXPECT_THAT(callsigns(data), ElementsAre("", "QQ0QQ"));
+  // When it goes, the next one's turn comes again.
+  std::filesystem::remove(dir.path("cty.dat"));
+  appendLog(heard("QQ0QQ"));
+  refresh();
+  EXPECT_THAT(callsigns(data), ElementsAre("", "QQ0QQ", ""));
+}
+
+TEST_F(Refresh, CountriesStayWhenNoCandidateIsLeft) {
+  dir.write("cty.dat", kCountries);
+  writeLog(heard("QQ0QQ"));
+  refresh();
+  std::filesystem::remove(dir.path("cty.dat"));
+  appendLog(heard("QQ0QQ"));
+  refresh();
+  EXPECT_THAT(callsigns(data), ElementsAre("", ""));
+}
+
+TEST_F(Refresh, FifoInPlaceOfTheCountryFileIsPassedOver) {
+  std::filesystem::create_directory(dir.path("share"));
+  ASSERT_EQ(mkfifo(dir.path("cty.dat").c_str(), 0600), 0);
+  dir.write("share/cty.dat", kCountries);
+  writeLog(heard("QQ0QQ"));
+  refresh();
+  EXPECT_THAT(callsigns(data), ElementsAre(""));
+}
+
+// Another log than before.
+
+TEST_F(Refresh, TruncatedLogEmptiesTheSpotsAndIsReadAgain) {
+  writeLog(heard("N0AAA") + heard("N0BBB"));
+  refresh();
+  writeLog(heard("N0CCC"));
+  refresh();
+  EXPECT_THAT(callsigns(data), ElementsAre("N0CCC"));
+  EXPECT_EQ(data.accepted_lines, 3u);
+}
+
+TEST_F(Refresh, LogCutByOneByteIsReadAgain) {
+  const std::string log = heard("N0AAA") + heard("N0BBB");
+  writeLog(log);
+  refresh();
+  std::filesystem::resize_file(data.all_txt_path, log.size() - 1);
+  refresh();
+  EXPECT_THAT(callsigns(data), ElementsAre("N0AAA"));
+  appendLog("\n" + heard("N0CCC"));
+  refresh();
+  EXPECT_THAT(callsigns(data), ElementsAre("N0AAA", "N0BBB", "N0CCC"));
+}
+
+TEST_F(Refresh, ReplacedLogEmptiesTheSpotsAndKeepsTheCallsigns) {
+  writeLog(heard("N0AAA"));
+  refresh();
+  dir.write("new", heard("N0BBB") + heard("N0CCC"));
+  std::filesystem::rename(dir.path("new"), data.all_txt_path);
+  refresh();
+  EXPECT_THAT(callsigns(data), ElementsAre("N0BBB", "N0CCC"));
+  EXPECT_THAT(data.last_heard, UnorderedElementsAre(Key("N0AAA"), Key("N0BBB"), Key("N0CCC")));
+  refresh(kNow + 89'100);
+  EXPECT_THAT(data.last_heard, IsEmpty());
+}
+
+TEST_F(Refresh, LogGrownPastItsOldEndAfterATruncationIsReadAgain) {
+  writeLog(heard("N0AAA") + heard("N0BBB"));
+  refresh();
+  writeLog(heard("N0CCC") + heard("N0DDD") + heard("N0EEE"));
+  refresh();
+  EXPECT_THAT(callsigns(data), ElementsAre("N0CCC", "N0DDD", "N0EEE"));
+}
+
+TEST_F(Refresh, VanishedLogLeavesTheStoreAsItIs) {
+  writeLog(heard("N0AAA"));
+  refresh();
+  const auto generation = data.generation;
+  std::filesystem::rename(data.all_txt_path, dir.path("aside"));
+  refresh();
+  EXPECT_THAT(callsigns(data), ElementsAre("N0AAA"));
+  EXPECT_EQ(data.generation, generation);
+  // The same file back at its place goes on where it was left.
+  std::filesystem::rename(dir.path("aside"), data.all_txt_path);
+  appendLog(heard("N0BBB"));
+  refresh();
+  EXPECT_THAT(callsigns(data), ElementsAre("N0AAA", "N0BBB"));
+  EXPECT_EQ(data.accepted_lines, 2u);
+}
+
+TEST_F(Refresh, WhateverElseLiesInTheLogsPlaceIsLeftAlone) {
+  writeLog(heard("N0AAA"));
+  refresh();
+  const std::string& path = data.all_txt_path;
+  const std::string aside = dir.path("aside");
+  std::filesystem::rename(path, aside);
+  const struct {
+    const char* name;
+    std::function<void()> place;
+  } cases[] = {
+      {"directory", [&] { std::filesystem::create_directory(path); }},
+      {"FIFO", [&] { ASSERT_EQ(mkfifo(path.c_str(), 0600), 0); }},
+      {"device", [&] { std::filesystem::create_symlink("/dev/zero", path); }},
+      {"dangling link", [&] { std::filesystem::create_symlink(dir.path("none"), path); }},
+      {"link to itself", [&] { std::filesystem::create_symlink(path, path); }},
+  };
+  for (const auto& c : cases) {
+    c.place();
+    refresh();
+    EXPECT_THAT(callsigns(data), ElementsAre("N0AAA")) << c.name;
+    std::filesystem::remove(path);
+  }
+  std::filesystem::rename(aside, path);
+  appendLog(heard("N0BBB"));
+  refresh();
+  EXPECT_THAT(callsigns(data), ElementsAre("N0AAA", "N0BBB"));
+}
+
+TEST_F(Refresh, LogWithoutAPathIsNoLog) {
+  data.all_txt_path = "";
+  refresh();
+  EXPECT_TRUE(data.spots.empty());
+  EXPECT_EQ(data.last_refresh, kNow);
+}
+
+TEST_F(Refresh, LinkToALogIsFollowed) {
+  dir.write("real", heard("N0AAA"));
+  std::filesystem::create_symlink(dir.path("real"), data.all_txt_path);
+  refresh();
+  EXPECT_THAT(callsigns(data), ElementsAre("N0AAA"));
+}
+
+TEST_F(Refresh, AnyScheduleOfGrowthAndReplacementEqualsAFreshStart) {
+  std::mt19937 random(9);
+  for (int round = 0; round < 500; ++round) {
+    const auto script = randomScript(random, 1000);
+    ASSERT_EQ(RefreshScript(script).run(), "") << "schedule " << round;
+  }
+}
+
+// Where a large log is begun.
+
+// `size` bytes or a line more of decodes every `step` seconds, the last one at `end`.
+std::string longLog(std::size_t size, double step, double end) {
+  const std::size_t count = size / heard("N0AAA").size() + 1;
+  std::string text;
+  for (std::size_t i = count; i > 0; --i) {
+    text += decodeLine(end - step * static_cast<double>(i - 1), "CQ N0AAA FN42");
+  }
+  return text;
+}
+
+TEST_F(Refresh, LargeLogWhoseFirstHalfIsTooOldIsReadFromNearItsMiddle) {
+  const std::string recent = longLog(1 << 20, 1, kNow);
+  const std::string old = longLog(1 << 20, 1, kNow - 200'000);
+  writeLog(old + recent);
+  refresh();
+  const std::size_t line = heard("N0AAA").size();
+  EXPECT_EQ(data.spots.size(), recent.size() / line);
+  EXPECT_GE(data.accepted_lines, recent.size() / line);
+  EXPECT_LE(data.accepted_lines, (recent.size() + 65'536) / line);
+}
+
+TEST_F(Refresh, LogOfOneMebibyteIsReadWholeAndOneByteMoreIsSearched) {
+  // Everything is too old to be held, so a search comes out near the end.
+  std::string log = longLog((1 << 20) - 100, 1, kNow - 200'000);
+  const std::size_t lines = log.size() / heard("N0AAA").size();
+  log.append((1 << 20) - log.size() - 1, 'x');
+  log += '\n';
+  ASSERT_EQ(log.size(), 1u << 20);
+  writeLog(log);
+  refresh();
+  EXPECT_EQ(data.accepted_lines, lines);
+
+  SpotData other;
+  other.all_txt_path = dir.write("larger", "\n" + log);
+  refreshSpots(other, kNow, 0);
+  EXPECT_GT(other.accepted_lines, 0u);
+  EXPECT_LE(other.accepted_lines, 65'536 / heard("N0AAA").size());
+}
+
+TEST_F(Refresh, LargeLogIsBegunTenMinutesBeforeTheRetention) {
+  // One line a second; what lies before now - 89,700 may be left out, what lies after may not.
+  writeLog(longLog(8 << 20, 1, kNow));
+  refresh();
+  EXPECT_GE(data.accepted_lines, 89'701u);
+  EXPECT_LE(data.accepted_lines, 89'701u + 65'536 / heard("N0AAA").size() + 1);
+  EXPECT_EQ(data.spots.size(), 89'101u);
+}
+
+TEST_F(Refresh, LargeLogIsSearchedOnceAndThenFollowed) {
+  writeLog(longLog(2 << 20, 10, kNow - 1000));
+  refresh();
+  const auto lines = data.accepted_lines;
+  const auto spots = data.spots.size();
+  appendLog(heard("N0BBB"));
+  refresh();
+  EXPECT_EQ(data.accepted_lines, lines + 1);
+  EXPECT_EQ(data.spots.size(), spots + 1);
+}
+
+TEST_F(Refresh, PartialFirstLineThatIsUnfinishedIsSkippedWhenItEnds) {
+  // The search comes out within the last line, which is too long to be one.
+  writeLog(heard("N0AAA") + std::string(2 << 20, 'x'));
+  refresh();
+  EXPECT_GT(data.log.offset, 1u << 20);
+  EXPECT_EQ(data.accepted_lines, 0u);
+  appendLog(heard("N0BBB"));
+  refresh();
+  EXPECT_EQ(data.accepted_lines, 0u);
+  appendLog(heard("N0CCC"));
+  refresh();
+  EXPECT_THAT(callsigns(data), ElementsAre("N0CCC"));
+}
+
+// How old is too old.
+
+TEST_F(Refresh, SpotOf89100SecondsIsKeptAndOneASecondOlderDropped) {
+  writeLog(heard("N0OLD", 89'101) + heard("N0AT", 89'100) + heard("N0NEW", 89'099));
+  refresh();
+  EXPECT_THAT(callsigns(data), ElementsAre("N0AT", "N0NEW"));
+  EXPECT_THAT(data.last_heard, UnorderedElementsAre(Key("N0AT"), Key("N0NEW")));
+  refresh(kNow + 1);
+  EXPECT_THAT(callsigns(data), ElementsAre("N0NEW"));
+}
+
+TEST_F(Refresh, LineDatedInTheFutureHoldsBackNoPruning) {
+  writeLog(heard("N0OLD", 80'000) + heard("N0FUT", -50'000) + heard("N0NEW", 10));
+  refresh();
+  EXPECT_THAT(callsigns(data), ElementsAre("N0OLD", "N0NEW", "N0FUT"));
+  refresh(kNow + 20'000);
+  EXPECT_THAT(callsigns(data), ElementsAre("N0NEW", "N0FUT"));
+}
+
+TEST_F(Refresh, WithoutALogWhatIsTooOldGoesAllTheSame) {
+  writeLog(heard("N0AAA"));
+  refresh();
+  std::filesystem::remove(data.all_txt_path);
+  refresh(kNow + 80'000);
+  EXPECT_THAT(callsigns(data), ElementsAre("N0AAA"));
+  refresh(kNow + 90'000);
+  EXPECT_TRUE(data.spots.empty());
+  EXPECT_THAT(data.last_heard, IsEmpty());
+}
+
+TEST_F(Refresh, LineDatedFarAheadIsHeldOnceTheClockGetsThere) {
+  writeLog(heard("N0FAR", -89'101) + heard("N0AHEAD", -89'100) + heard("N0NEW"));
+  refresh();
+  EXPECT_EQ(data.spots.size(), 2u);
+  EXPECT_EQ(data.left_out_from, kNow + 89'101);
+  EXPECT_EQ(data.accepted_lines, 3u);
+  refresh(kNow + 89'100);
+  EXPECT_EQ(data.accepted_lines, 3u);
+  const auto generation = data.generation;
+  refresh(kNow + 89'101);
+  EXPECT_EQ(data.spots.size(), 2u);  // N0AHEAD and N0FAR; N0NEW is too old now
+  EXPECT_EQ(data.left_out_from, kEver);
+  EXPECT_EQ(data.generation, generation + 1);
+}
+
+TEST_F(Refresh, DecoderWhoseClockIsAYearAheadFillsNoMemory) {
+  for (int look = 0; look < 50; ++look) {
+    const double now = kNow + 15 * look;
+    std::string lines;
+    for (int i = 0; i < 20; ++i) lines += decodeLine(now + 365 * 86'400.0, "CQ N0AAA FN42");
+    appendLog(lines);
+    refresh(now);
+  }
+  EXPECT_TRUE(data.spots.empty());
+  EXPECT_EQ(data.accepted_lines, 1000u);
+}
+
+// The clock is set.
+
+TEST_F(Refresh, ClockUpTo600SecondsBackWaits) {
+  writeLog(heard("N0AAA"));
+  refresh();
+  appendLog(heard("N0BBB"));
+  refresh(kNow - 600);
+  EXPECT_THAT(callsigns(data), ElementsAre("N0AAA"));
+  EXPECT_EQ(data.last_refresh, kNow);
+}
+
+TEST_F(Refresh, ClockMoreThan600SecondsBackReadsBothSourcesAnew) {
+  writeLog(heard("N0AAA", 3000));
+  HistoryFile history = makeHistory(kNow - 7200);
+  refresh();
+  ASSERT_THAT(data.intervals, SizeIs(4));
+  addMinute(history, kNow - 3600);  // written late; the overlap alone would not see it
+  const auto generation = data.generation;
+  refreshSpots(data, kNow - 601, 15);
+  EXPECT_EQ(data.last_refresh, kNow - 601);
+  EXPECT_EQ(data.history_read_to, kNow - 601);
+  EXPECT_THAT(data.intervals, SizeIs(8));
+  EXPECT_EQ(data.accepted_lines, 2u);
+  EXPECT_EQ(data.generation, generation + 2);
+}
+
+TEST_F(Refresh, ClockSetBackReadsAtOnceWhateverTheMinimumInterval) {
+  writeLog(heard("N0AAA", 3000));
+  refreshSpots(data, kNow, 1e6);
+  refreshSpots(data, kNow - 601, 1e6);
+  EXPECT_EQ(data.accepted_lines, 2u);
+  EXPECT_THAT(callsigns(data), ElementsAre("N0AAA"));
+}
+
+TEST_F(Refresh, ClockSetBackWithoutALogEmptiesAndCounts) {
+  writeLog(heard("N0AAA", 3000));
+  refresh();
+  std::filesystem::remove(data.all_txt_path);
+  refresh(kNow - 601);
+  EXPECT_TRUE(data.spots.empty());
+  EXPECT_EQ(data.generation, 2u);
+  EXPECT_THAT(data.last_heard, UnorderedElementsAre(Key("N0AAA")));
+}
+
+TEST_F(Refresh, ClockThatWasYearsAheadCostsNothingOfTheDay) {
+  writeLog(heard("N0AAA", 80'000) + heard("N0BBB"));
+  makeHistory();
+  refresh(kNow + 2e9);
+  EXPECT_TRUE(data.spots.empty());
+  EXPECT_THAT(data.intervals, IsEmpty());
+  EXPECT_THAT(data.last_heard, IsEmpty());
+  refresh(kNow);
+  EXPECT_THAT(data.intervals, SizeIs(4));
+  EXPECT_THAT(data.last_heard, UnorderedElementsAre(Key("N0AAA"), Key("N0BBB")));
+}
+
+TEST_F(Refresh, ClockThatWasYearsBehindCostsNothingOfTheDay) {
+  writeLog(heard("N0AAA", 80'000) + heard("N0BBB"));
+  refresh(kNow - 1e9);
+  EXPECT_TRUE(data.spots.empty());
+  refresh(kNow);
+  EXPECT_THAT(callsigns(data), ElementsAre("N0AAA", "N0BBB"));
+  EXPECT_THAT(data.last_heard, SizeIs(2));
+}
+
+// The history.
+
+TEST_F(Refresh, WithTheHistoryInUseLogLinesOnlySupplyCallsigns) {
+  writeLog(heard("N0AAA"));
+  makeHistory();
+  refresh();
+  appendLog(heard("N0BBB"));
+  refresh();
+  EXPECT_TRUE(data.history_in_use);
+  EXPECT_TRUE(data.spots.empty());
+  EXPECT_THAT(data.last_heard, UnorderedElementsAre(Key("N0AAA"), Key("N0BBB")));
+  EXPECT_THAT(data.last_heard_by_band.at("20m"), SizeIs(2));
+  EXPECT_EQ(data.accepted_lines, 2u);
+}
+
+TEST_F(Refresh, HistoryIsReadBeforeTheLog) {
+  writeLog(heard("N0AAA"));
+  refresh();
+  appendLog(heard("N0BBB"));
+  makeHistory();
+  refresh();
+  // Had the log come first, N0BBB's spot would have been made and dropped; had the history come
+  // after it, the spot would still be there.
+  EXPECT_TRUE(data.spots.empty());
+  EXPECT_THAT(data.intervals, SizeIs(4));
+}
+
+TEST_F(Refresh, CountryFileIsReadBeforeTheLog) {
+  writeLog(heard("N0AAA"));
+  refresh();
+  appendLog(heard("QQ0QQ"));
+  dir.write("cty.dat", kCountries);
+  refresh();
+  EXPECT_THAT(callsigns(data), ElementsAre("N0AAA", ""));
+}
+
+TEST_F(Refresh, StationWithoutALogHasItsHistory) {
+  makeHistory();
+  refresh();
+  EXPECT_THAT(data.intervals, SizeIs(4));
+  EXPECT_EQ(data.generation, 1u);
+  refresh(kNow + 100'000);
+  EXPECT_THAT(data.intervals, IsEmpty());
+  EXPECT_THAT(data.rates, IsEmpty());
+}
+
+TEST_F(Refresh, FirstHistoryWindowIsTheRetention) {
+  // The minute that begins first at or after kNow - 89,100, and the one before it.
+  const auto first = static_cast<std::int64_t>(std::ceil((kNow - 89'100) / 60));
+  HistoryFile history = makeHistory();
+  history.add({.minute = first, .mask = 1});
+  history.add({.minute = first - 1, .mask = 1});
+  refresh();
+  ASSERT_THAT(data.intervals, SizeIs(5));
+  EXPECT_EQ(data.intervals.front().start, static_cast<double>(first) * 60);
+}
+
+TEST_F(Refresh, LaterHistoryWindowsOverlapTheLastOneBy300Seconds) {
+  HistoryFile history = makeHistory();
+  refresh();
+  // Written late: only what lies in the last 300 s before the last refresh is still seen.
+  history.add({.minute = static_cast<std::int64_t>(kNow - 300) / 60 + 1, .mask = 1});
+  history.add({.minute = static_cast<std::int64_t>(kNow - 300) / 60, .mask = 1});
+  refresh(kNow + 30);
+  EXPECT_THAT(data.intervals, SizeIs(5));
+  EXPECT_EQ(data.history_read_to, kNow + 30);
+}
+
+TEST_F(Refresh, AfterALongPauseTheHistoryIsReadNoFurtherBackThanTheRetention) {
+  HistoryFile history = makeHistory();
+  refresh();
+  const double later = kNow + 1e6;
+  // A row that no read gets through, where a window that began at the last read would meet it.
+  history.add({.mode = "NOISE", .minute = static_cast<std::int64_t>(kNow + 5e5) / 60});
+  addMinute(history, later);
+  refresh(later);
+  EXPECT_TRUE(data.history_in_use);
+  EXPECT_THAT(data.intervals, SizeIs(4));
+}
+
+TEST_F(Refresh, HistoryThatFailsLeavesItsIntervalsAndTheLogGivesSpotsFromThenOn) {
+  writeLog(heard("N0AAA"));
+  makeHistory();
+  refresh();
+  std::filesystem::remove(data.history_path);
+  dir.write("history.sqlite3", "no database");
+  appendLog(heard("N0BBB"));
+  refresh();
+  EXPECT_FALSE(data.history_in_use);
+  EXPECT_THAT(data.intervals, SizeIs(4));
+  EXPECT_THAT(callsigns(data), ElementsAre("N0BBB"));
+}
+
+// The generation.
+
+TEST_F(Refresh, GenerationGrowsByOneWhenLinesWereConsumedOrTheLogIsAnother) {
+  const std::string two_lines = heard("N0AAA") + heard("N0BBB");
+  writeLog("");
+  const struct {
+    const char* name;
+    std::function<void()> act;
+    std::uint64_t growth;
+  } steps[] = {
+      {"empty log, first look", [] {}, 0},
+      {"two lines", [&] { appendLog(two_lines); }, 1},
+      {"nothing new", [] {}, 0},
+      {"half a line", [&] { appendLog("junk"); }, 0},
+      {"the other half, of a line that is rejected", [&] { appendLog("\n"); }, 1},
+      {"truncated to nothing", [&] { writeLog(""); }, 1},
+      {"still nothing", [] {}, 0},
+      {"lines again", [&] { appendLog(two_lines); }, 1},
+      {"written anew, same size", [&] { writeLog(heard("N0CCC") + heard("N0DDD")); }, 1},
+      {"vanished", [&] { std::filesystem::remove(data.all_txt_path); }, 0},
+      {"line longer than 1 MiB, of another log",
+       [&] { writeLog(std::string((1 << 20) + 1, 'x') + "\n"); }, 1},
+  };
+  for (const auto& step : steps) {
+    step.act();
+    const auto before = data.generation;
+    refresh();
+    EXPECT_EQ(data.generation, before + step.growth) << step.name;
+  }
+}
+
+TEST_F(Refresh, LineLongerThanOneMebibyteCountsAsConsumed) {
+  writeLog("x");
+  refresh();
+  appendLog(std::string(1 << 20, 'x') + "\n");
+  refresh();
+  EXPECT_EQ(data.generation, 1u);
+}
+
+TEST_F(Refresh, HistoryReadAddsOneOfItsOwn) {
+  writeLog(heard("N0AAA"));
+  makeHistory();
+  refresh();
+  EXPECT_EQ(data.generation, 2u);
+  refresh();
+  EXPECT_EQ(data.generation, 3u);
+}
+
+// What breaks off half way.
+
+TEST_F(Refresh, WhicheverAllocationFailsEveryLineCountsOnce) {
+  std::string log;
+  for (int i = 0; i < 30; ++i) {
+    // Callsigns too long to be stored without an allocation of their own.
+    log += decodeLine(kNow - 2 * i, "CQ N0AAA/N0BBB/N0CCC/" + std::to_string(i) + "A", "99.1");
+    log += decodeLine(kNow - 2 * i - 1, "CQ N0" + std::string(1, static_cast<char>('A' + i % 26)));
+  }
+  writeLog(log + "half a li");
+  SpotData whole;
+  whole.all_txt_path = data.all_txt_path;
+  refreshSpots(whole, kNow, 0);
+  ASSERT_EQ(whole.accepted_lines, 60u);
+
+  for (const bool once : {false, true}) {
+    bool failed = true;
+    for (long n = 0; failed; ++n) {
+      SpotData broken;
+      broken.all_txt_path = data.all_txt_path;
+      {
+        const FailingMemory memory(n, once);
+        refreshSpots(broken, kNow, 0);
+        failed = memory.failed();
+      }
+      ASSERT_EQ(broken.accepted_lines, broken.spots.size()) << n;
+      ASSERT_EQ(broken.generation, broken.accepted_lines > 0 ? 1u : 0u) << n;
+      refreshSpots(broken, kNow, 0);
+      ASSERT_EQ(spotsHeld(broken, 0, kNow), spotsHeld(whole, 0, kNow)) << n;
+      ASSERT_EQ(broken.last_heard, whole.last_heard) << n;
+      ASSERT_EQ(broken.last_heard_by_band, whole.last_heard_by_band) << n;
+      ASSERT_EQ(broken.accepted_lines, 60u) << n;
+      ASSERT_EQ(broken.newest_decode, whole.newest_decode) << n;
+    }
+  }
+}
+
+TEST_F(Refresh, StoppedRefreshConsumesNothingAndLosesNothing) {
+  writeLog(heard("N0AAA"));
+  std::stop_source stop;
+  stop.request_stop();
+  refreshSpots(data, kNow, 0, stop.get_token());
+  EXPECT_TRUE(data.spots.empty());
+  EXPECT_EQ(data.generation, 0u);
+  refresh();
+  EXPECT_THAT(callsigns(data), ElementsAre("N0AAA"));
+}
+
+// Logs of no sensible size.
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kMemoryIsOurs = false;
+#elif defined(__has_feature)
+constexpr bool kMemoryIsOurs =
+    !__has_feature(address_sanitizer) && !__has_feature(thread_sanitizer);
+#else
+constexpr bool kMemoryIsOurs = true;
+#endif
+
+// The most memory this process has had resident since it started, bytes.
+long peakMemory() {
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with("VmHWM:")) return std::stol(line.substr(6)) * 1024;
+  }
+  throw std::runtime_error("No VmHWM in /proc/self/status");
+}
+
+// Starts the peak anew at what is resident now.
+void resetPeakMemory() { std::ofstream("/proc/self/clear_refs") << "5"; }
+
+// Fails when `act` needs more than 64 MB. Sanitizers need memory of their own.
+template <typename Act>
+void expectLittleMemory(Act&& act) {
+  resetPeakMemory();
+  const long before = peakMemory();
+  act();
+  if (kMemoryIsOurs) {
+    EXPECT_LT(peakMemory() - before, 64'000'000);
+  }
+}
+
+TEST_F(Refresh, LineOfOneGibibyteTakesNoMemory) {
+  writeLog(heard("N0AAA"));
+  refresh();
+  // A hole in the file reads as NUL bytes: one line without an end.
+  std::filesystem::resize_file(data.all_txt_path, 1 << 30);
+  expectLittleMemory([&] {
+    refresh();
+    EXPECT_THAT(callsigns(data), ElementsAre("N0AAA"));
+    EXPECT_EQ(data.log.scanned, 1u << 30);
+    appendLog("\n" + heard("N0BBB"));
+    refresh();
+    EXPECT_THAT(callsigns(data), ElementsAre("N0AAA", "N0BBB"));
+  });
+}
+
+TEST_F(Refresh, SparseLogOfOneTebibyteIsBegunNearItsEnd) {
+  writeLog(heard("N0AAA"));
+  std::filesystem::resize_file(data.all_txt_path, std::uintmax_t{1} << 40);
+  expectLittleMemory([&] {
+    refresh();
+    EXPECT_GE(data.log.offset, (std::uint64_t{1} << 40) - 65'536);
+    appendLog("\n" + heard("N0BBB"));
+    refresh();
+    EXPECT_THAT(callsigns(data), ElementsAre("N0BBB"));
+  });
+}
+
+}  // namespace
+}  // namespace spotserver

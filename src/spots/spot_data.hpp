@@ -1,0 +1,73 @@
+// Everything the server knows of the last day of reception: one plain record that free functions
+// work on. SpotStore puts a lock around it.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <limits>
+#include <map>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "api/activity_snapshot.hpp"
+#include "api/rate_index.hpp"
+#include "spots/cty.hpp"
+#include "spots/log_reader.hpp"
+#include "spots/spot_queue.hpp"
+
+namespace spotserver {
+
+// One receiver decode interval from the history.
+struct Interval {
+  double start = 0;         // UTC epoch seconds
+  std::string band;         // band id
+  std::uint64_t count = 0;  // decodes
+};
+
+// Callsign to the time it was last heard, UTC epoch seconds.
+using LastHeard = std::unordered_map<std::string, double, cty::TextHash, std::equal_to<>>;
+
+// Times are UTC epoch seconds throughout.
+struct SpotData {
+  std::string all_txt_path;                 // absolute; the decode log
+  std::string history_path;                 // absolute; empty: no history
+  std::vector<std::string> cty_candidates;  // absolute, most preferred first
+
+  bool demo = false;        // synthetic data: nothing is ever read again
+  double last_refresh = 0;  // 0: never
+  LogPosition log;
+  // Of the log lines dated further ahead than is held, the date of the earliest. Once the clock is
+  // there the log is read anew.
+  double left_out_from = std::numeric_limits<double>::infinity();
+  SpotQueue spots;                 // lines read while no history was in use
+  std::deque<Interval> intervals;  // ascending by start; from the history
+  double history_read_to = 0;      // 0: nothing read yet
+  LastHeard last_heard;            // over all bands
+  std::map<std::string, LastHeard, std::less<>> last_heard_by_band;  // by band id; none is empty
+  bool history_in_use = false;    // the last read of the history succeeded
+  launcher::BandRateIndex rates;  // filled from the history
+  ActivityCache cache;
+  std::uint64_t generation = 0;  // grows when new data was consumed
+  cty::Database countries;
+  std::uint64_t accepted_lines = 0;  // of the log, ever
+  double newest_decode = 0;          // latest time of an accepted line, ever; 0: none
+};
+
+// Records that `callsign` was heard at `time` on `band`; a later time already known stays.
+// Recording the same again changes nothing. Throws std::bad_alloc, possibly after half the work.
+void recordCallsign(SpotData& data, std::string_view callsign, std::string_view band, double time);
+
+// Whether a sender counts as a distinct callsign: without a country file, and when it begins with
+// "<", as it stands; otherwise when it has at most 32 characters and belongs to a country.
+//   isCounted(countries, "N0CALL")  // true
+//   isCounted(countries, "QQ0QQ")   // false: no entity covers it
+bool isCounted(const cty::Database& countries, std::string_view callsign);
+
+// Drops everything older than now - kRetention: spots, intervals, callsigns last heard before that,
+// and the rate index's minutes before the one it lies in. What is dated exactly then stays.
+// Throws nothing. Cost: what is dropped, and one look at every callsign.
+void pruneSpots(SpotData& data, double now);
+
+}  // namespace spotserver

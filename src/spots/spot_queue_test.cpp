@@ -1,0 +1,130 @@
+#include "spots/spot_queue.hpp"
+
+#include <limits>
+#include <random>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "spots/spot_queue_reference.hpp"
+
+namespace spotserver {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+constexpr double kEver = std::numeric_limits<double>::infinity();
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+
+SpotQueue queueOf(std::initializer_list<std::pair<double, const char*>> spots) {
+  SpotQueue queue;
+  for (const auto& [time, callsign] : spots) {
+    queue.append({.time = time, .band = "20m", .callsign = callsign});
+  }
+  return queue;
+}
+
+TEST(SpotQueue, StartsEmpty) {
+  const SpotQueue queue;
+  EXPECT_TRUE(queue.empty());
+  EXPECT_EQ(queue.size(), 0u);
+  EXPECT_THAT(callsignsBetween(queue, -kEver, kEver), IsEmpty());
+}
+
+TEST(SpotQueue, KeepsEveryField) {
+  SpotQueue queue;
+  queue.append({.time = 90.5, .frequency = 14'074'000, .mode = 4, .band = "20m", .callsign = "A"});
+  int visits = 0;
+  queue.forEach(90.5, 90.5, [&](const ParsedSpot& spot) {
+    ++visits;
+    EXPECT_EQ(spot.time, 90.5);
+    EXPECT_EQ(spot.frequency, 14'074'000);
+    EXPECT_EQ(spot.mode, 4);
+    EXPECT_EQ(spot.band, "20m");
+    EXPECT_EQ(spot.callsign, "A");
+  });
+  EXPECT_EQ(visits, 1);
+}
+
+TEST(SpotQueue, VisitsMinutesInOrderAndAMinuteInTheOrderOfArrival) {
+  const SpotQueue queue =
+      queueOf({{130, "c1"}, {59, "a1"}, {120, "c2"}, {60, "b1"}, {0, "a2"}, {-1, "z"}});
+  EXPECT_THAT(callsignsBetween(queue, -kEver, kEver),
+              ElementsAre("z", "a1", "a2", "b1", "c1", "c2"));
+}
+
+TEST(SpotQueue, BothBoundsOfAVisitBelongToIt) {
+  const SpotQueue queue = queueOf({{99, "a"}, {100, "b"}, {150, "c"}, {200, "d"}, {201, "e"}});
+  EXPECT_THAT(callsignsBetween(queue, 100, 200), ElementsAre("b", "c", "d"));
+  EXPECT_THAT(callsignsBetween(queue, 100.5, 199.5), ElementsAre("c"));
+  EXPECT_THAT(callsignsBetween(queue, 100, 100), ElementsAre("b"));
+}
+
+TEST(SpotQueue, BoundsInTheWrongOrderOrNoNumbersEncloseNothing) {
+  const SpotQueue queue = queueOf({{100, "a"}});
+  const struct {
+    double from, to;
+  } cases[] = {{101, 99}, {200, 0}, {kNaN, 200}, {0, kNaN}, {kNaN, kNaN}, {kEver, -kEver}};
+  for (const auto& c : cases) {
+    EXPECT_THAT(callsignsBetween(queue, c.from, c.to), IsEmpty()) << c.from << " to " << c.to;
+  }
+}
+
+TEST(SpotQueue, PrunesWhatIsOlderThanTheCutoffWhereverItStands) {
+  SpotQueue queue = queueOf({{4'102'444'800, "future"},
+                             {100, "at"},
+                             {99.9, "old"},
+                             {101, "new"},
+                             {20, "older"},
+                             {4'102'444'800, "future too"}});
+  queue.pruneBefore(100);
+  EXPECT_EQ(queue.size(), 4u);
+  EXPECT_THAT(callsignsBetween(queue, -kEver, kEver),
+              ElementsAre("at", "new", "future", "future too"));
+}
+
+TEST(SpotQueue, PruningEverythingLeavesAnEmptyQueueThatFillsAgain) {
+  SpotQueue queue = queueOf({{10, "a"}, {70, "b"}});
+  queue.pruneBefore(71);
+  EXPECT_TRUE(queue.empty());
+  queue.append({.time = 5, .band = "20m", .callsign = "c"});
+  EXPECT_EQ(queue.size(), 1u);
+  EXPECT_THAT(callsignsBetween(queue, 0, 10), ElementsAre("c"));
+}
+
+TEST(SpotQueue, ClearForgetsAll) {
+  SpotQueue queue = queueOf({{10, "a"}, {1e300, "b"}});
+  queue.clear();
+  EXPECT_TRUE(queue.empty());
+  EXPECT_THAT(callsignsBetween(queue, -kEver, kEver), IsEmpty());
+}
+
+TEST(SpotQueue, TimesThatNoClockShowsAreKeptInOrder) {
+  SpotQueue queue =
+      queueOf({{kEver, "inf"}, {1e300, "huge"}, {-kEver, "-inf"}, {-1e300, "-huge"}, {0, "zero"}});
+  EXPECT_EQ(queue.size(), 5u);
+  EXPECT_THAT(callsignsBetween(queue, -1e300, 1e300), ElementsAre("-huge", "zero", "huge"));
+  queue.pruneBefore(-1e300);
+  EXPECT_THAT(callsignsBetween(queue, -kEver, kEver), ElementsAre("-huge", "zero", "inf", "huge"));
+  queue.pruneBefore(kEver);
+  EXPECT_THAT(callsignsBetween(queue, -kEver, kEver), ElementsAre("inf"));
+}
+
+TEST(SpotQueue, TimeThatIsNoNumberIsNotKeptAndPrunesNothing) {
+  SpotQueue queue = queueOf({{kNaN, "nan"}, {10, "a"}});
+  EXPECT_EQ(queue.size(), 1u);
+  queue.pruneBefore(kNaN);
+  EXPECT_THAT(callsignsBetween(queue, -kEver, kEver), ElementsAre("a"));
+}
+
+TEST(SpotQueue, AgreesWithAFlatListOverRandomScripts) {
+  std::mt19937 random(5);
+  for (int round = 0; round < 2000; ++round) {
+    const auto script = randomScript(random, random() % 600);
+    ASSERT_EQ(SpotQueueScript(script).run(), "") << "round " << round;
+  }
+}
+
+}  // namespace
+}  // namespace spotserver

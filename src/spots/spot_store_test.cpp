@@ -1,0 +1,149 @@
+#include "spots/spot_store.hpp"
+
+#include <atomic>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "log_lines.hpp"
+#include "temp_dir.hpp"
+
+namespace spotserver {
+namespace {
+
+constexpr double kNow = 1'741'947'330;
+
+std::string heard(const std::string& callsign) {
+  return decodeLine(kNow - 10, "CQ " + callsign + " FN42");
+}
+
+TEST(SpotStore, StartsEmptyAndUnread) {
+  SpotStore store;
+  const auto held = store.lock();
+  EXPECT_EQ(held->last_refresh, 0);
+  EXPECT_EQ(held->generation, 0u);
+  EXPECT_EQ(held->log.offset, 0u);
+  EXPECT_TRUE(held->spots.empty());
+  EXPECT_TRUE(held->intervals.empty());
+  EXPECT_FALSE(held->demo);
+  EXPECT_FALSE(held->history_in_use);
+}
+
+TEST(SpotStore, GuardIsTheOnlyWayInAndCannotBePassedOn) {
+  static_assert(!std::is_copy_constructible_v<SpotStore::Held>);
+  static_assert(!std::is_copy_assignable_v<SpotStore::Held>);
+  SpotStore store;
+  { (*store.lock()).all_txt_path = "/log"; }
+  EXPECT_EQ(store.lock()->all_txt_path, "/log");
+}
+
+TEST(SpotStore, RefreshReadsWhatIsNew) {
+  TempDir dir;
+  SpotStore store;
+  store.lock()->all_txt_path = dir.write("ALL.TXT", heard("N0AAA"));
+  store.refresh(kNow, 15);
+  EXPECT_EQ(store.lock()->spots.size(), 1u);
+  dir.append("ALL.TXT", heard("N0BBB"));
+  store.refresh(kNow + 14, 15);
+  EXPECT_EQ(store.lock()->spots.size(), 1u);
+  store.refresh(kNow + 15, 15);
+  EXPECT_EQ(store.lock()->spots.size(), 2u);
+}
+
+TEST(SpotStore, RefreshWaitsForWhoeverHoldsTheStore) {
+  TempDir dir;
+  SpotStore store;
+  store.lock()->all_txt_path = dir.write("ALL.TXT", heard("N0AAA"));
+  std::thread refresher;
+  {
+    const auto held = store.lock();
+    refresher = std::thread([&] { store.refresh(kNow, 0); });
+    // However long this takes, the other thread cannot have been here.
+    for (int i = 0; i < 1000; ++i) {
+      EXPECT_TRUE(held->spots.empty());
+      std::this_thread::yield();
+    }
+  }
+  refresher.join();
+  EXPECT_EQ(store.lock()->spots.size(), 1u);
+}
+
+TEST(SpotStore, OfABurstOfRefreshesOneReads) {
+  TempDir dir;
+  SpotStore store;
+  store.lock()->all_txt_path = dir.write("ALL.TXT", heard("N0AAA"));
+  std::vector<std::thread> threads;
+  threads.reserve(8);
+  for (int i = 0; i < 8; ++i) threads.emplace_back([&] { store.refresh(kNow, 15); });
+  for (auto& thread : threads) thread.join();
+  const auto held = store.lock();
+  EXPECT_EQ(held->accepted_lines, 1u);
+  EXPECT_EQ(held->generation, 1u);
+}
+
+TEST(SpotStore, ManyThreadsCountEveryLineOnceWhileTheLogGrows) {
+  constexpr int kLines = 300;
+  TempDir dir;
+  SpotStore store;
+  store.lock()->all_txt_path = dir.write("ALL.TXT", "");
+  std::atomic<bool> written = false;
+  std::vector<std::thread> threads;
+  threads.reserve(4);
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&] {
+      do {
+        store.refresh(kNow, 0);
+        const auto held = store.lock();
+        EXPECT_EQ(held->spots.size(), held->accepted_lines);
+      } while (!written);
+    });
+  }
+  for (int i = 0; i < kLines; ++i) {
+    const std::string line = heard("N0AAA");
+    dir.append("ALL.TXT", line.substr(0, 20));
+    dir.append("ALL.TXT", line.substr(20));
+  }
+  written = true;
+  for (auto& thread : threads) thread.join();
+  store.refresh(kNow, 0);
+  EXPECT_EQ(store.lock()->accepted_lines, static_cast<std::uint64_t>(kLines));
+}
+
+TEST(SpotStore, InterruptEndsAReadUnderWay) {
+  TempDir dir;
+  SpotStore store;
+  store.lock()->all_txt_path = dir.write("ALL.TXT", heard("N0AAA"));
+  store.refresh(kNow, 0);
+  // A hole of a tebibyte takes minutes to read: to be done at all, this must be interrupted.
+  std::filesystem::resize_file(dir.path("ALL.TXT"), std::uintmax_t{1} << 40);
+  std::thread refresher([&] { store.refresh(kNow, 0); });
+  store.interrupt();
+  refresher.join();
+  EXPECT_LT(store.lock()->log.scanned, std::uint64_t{1} << 40);
+  EXPECT_EQ(store.lock()->spots.size(), 1u);
+}
+
+TEST(SpotStore, InterruptIsForGoodAndMayComeTwice) {
+  TempDir dir;
+  SpotStore store;
+  store.lock()->all_txt_path = dir.write("ALL.TXT", heard("N0AAA"));
+  store.interrupt();
+  store.interrupt();
+  store.refresh(kNow, 0);
+  EXPECT_TRUE(store.lock()->spots.empty());
+}
+
+TEST(SpotStore, InterruptTakesNoLock) {
+  SpotStore store;
+  const auto held = store.lock();
+  store.interrupt();  // would never return otherwise
+  EXPECT_EQ(held->generation, 0u);
+}
+
+}  // namespace
+}  // namespace spotserver
