@@ -1,0 +1,77 @@
+#include "api/activity_endpoint.hpp"
+
+#include <algorithm>
+#include <charconv>
+#include <chrono>
+#include <ctime>
+#include <optional>
+
+#include "api/activity.hpp"
+#include "api/activity_document.hpp"
+
+namespace spotserver {
+namespace {
+
+constexpr const char* kJson = "application/json";
+
+std::optional<std::string> firstHeader(const httplib::Request& request, const char* name) {
+  if (!request.has_header(name)) return std::nullopt;
+  return request.get_header_value(name);
+}
+
+void refuse(httplib::Response& response, int status, const char* header, const char* value,
+            const char* body) {
+  response.status = status;
+  response.set_header(header, value);
+  response.set_content(body, kJson);
+}
+
+}  // namespace
+
+int viewParameter(std::string_view text, std::span<const int> allowed, int fallback) {
+  constexpr std::string_view kBlank = " \t\n\v\f\r";
+  text.remove_prefix(std::min(text.find_first_not_of(kBlank), text.size()));
+  const bool negative = text.starts_with('-');
+  if (negative || text.starts_with('+')) text.remove_prefix(1);
+  // from_chars would take a second sign.
+  if (text.empty() || text.front() < '0' || text.front() > '9') return fallback;
+  int value = 0;
+  if (std::from_chars(text.data(), text.data() + text.size(), value).ec != std::errc{}) {
+    return fallback;
+  }
+  if (negative) value = -value;
+  return std::find(allowed.begin(), allowed.end(), value) != allowed.end() ? value : fallback;
+}
+
+bool authorize(const httplib::Request& request, httplib::Response& response,
+               TokenThrottle& throttle, std::string_view access_token) {
+  const auto now = std::chrono::steady_clock::now();
+  const auto presented =
+      presentedToken(firstHeader(request, "Authorization"), firstHeader(request, "X-Spot-Token"));
+  switch (throttle.check(request.remote_addr, presented, access_token, now)) {
+    case TokenVerdict::kAllowed:
+      return true;
+    case TokenVerdict::kUnauthorized:
+      refuse(response, 401, "WWW-Authenticate", "Bearer", "{\"error\":\"unauthorized\"}");
+      return false;
+    case TokenVerdict::kLockedOut:
+      break;
+  }
+  refuse(response, 429, "Retry-After", "60",
+         "{\"error\":\"too many wrong tokens, try again in a minute\"}");
+  return false;
+}
+
+void handleActivity(const ActivityEndpoint& endpoint, const httplib::Request& request,
+                    httplib::Response& response) {
+  if (!authorize(request, response, endpoint.throttle, endpoint.access_token)) return;
+  const auto now = static_cast<double>(std::time(nullptr));
+  const int hours = viewParameter(request.get_param_value("hours"), kHours, kDefaultHours);
+  const int smoothing =
+      viewParameter(request.get_param_value("smoothing"), kSmoothings, kDefaultSmoothing);
+  endpoint.store.refresh(now, endpoint.reload_interval);
+  const auto snapshot = activityAt(*endpoint.store.lock(), hours, smoothing, now);
+  response.set_content(activityDocument(snapshot), kJson);
+}
+
+}  // namespace spotserver
