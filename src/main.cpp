@@ -1,0 +1,3 @@
+#include "server/startup.hpp"
+
+int main(int argc, char** argv) { return spotserver::run(argc, argv); }

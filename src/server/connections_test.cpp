@@ -1,0 +1,108 @@
+#include "server/connections.hpp"
+
+#include <atomic>
+#include <future>
+#include <stdexcept>
+
+#include <gtest/gtest.h>
+
+namespace spotserver {
+namespace {
+
+using namespace std::chrono_literals;
+using Time = ConnectionSlot::Time;
+
+const Time kStart{1h};
+
+ConnectionSlot slotIn(Phase phase) {
+  ConnectionSlot slot;
+  slot.phase = phase;
+  slot.since = kStart;
+  return slot;
+}
+
+TEST(ConnectionDeadline, EachPhaseHasItsOwn) {
+  const ConnectionLimits limits;
+  EXPECT_EQ(deadlineOf(slotIn(Phase::kHandshake), limits), kStart + 10s);
+  EXPECT_EQ(deadlineOf(slotIn(Phase::kReading), limits), kStart + 30s);
+  EXPECT_EQ(deadlineOf(slotIn(Phase::kFree), limits), std::nullopt);
+}
+
+TEST(ConnectionDeadline, AnIdleConnectionIsTheLibrarysAffair) {
+  EXPECT_EQ(deadlineOf(slotIn(Phase::kIdle), ConnectionLimits{}), std::nullopt);
+}
+
+TEST(ConnectionDeadline, AnAnswerMayTakeLongWhileThePeerTakesBytes) {
+  const ConnectionLimits limits;
+  auto slot = slotIn(Phase::kServing);
+  EXPECT_EQ(deadlineOf(slot, limits), std::nullopt);
+  slot.writing_since = kStart + 100s;
+  EXPECT_EQ(deadlineOf(slot, limits), kStart + 130s);
+}
+
+TEST(Connections, CallsFromOtherThreadsHaveNoEffect) {
+  Connections connections{ConnectionLimits{}};
+  Connections::requestComplete();
+  Connections::closeAfterAnswer();
+  Connections::answered();
+  EXPECT_FALSE(Connections::closesAfterAnswer());
+  EXPECT_FALSE(connections.abandoned());
+}
+
+// The queue alone, without sockets: jobs stand for connections.
+class ConnectionQueue : public testing::Test {
+ protected:
+  static ConnectionLimits smallLimits() {
+    ConnectionLimits limits;
+    limits.workers = 2;
+    limits.drain = 50ms;
+    limits.release = 100ms;
+    return limits;
+  }
+};
+
+TEST_F(ConnectionQueue, RunsEveryJobAndStopsOnce) {
+  int stops = 0;
+  Connections connections{smallLimits(), [&stops] { ++stops; }};
+  const auto queue = connections.start();
+  std::atomic<int> ran = 0;
+  for (int i = 0; i < 100; ++i) queue->enqueue([&ran] { ++ran; });
+  queue->shutdown();
+  EXPECT_EQ(ran, 100);
+  EXPECT_EQ(stops, 1);
+  EXPECT_FALSE(connections.abandoned());
+}
+
+TEST_F(ConnectionQueue, AJobThatThrowsLeavesItsWorkerAtWork) {
+  Connections connections{smallLimits()};
+  const auto queue = connections.start();
+  std::atomic<int> ran = 0;
+  for (int i = 0; i < 10; ++i) {
+    queue->enqueue([] { throw std::out_of_range("a number in a header"); });
+    queue->enqueue([] { throw 1; });
+    queue->enqueue([&ran] { ++ran; });
+  }
+  queue->shutdown();
+  EXPECT_EQ(ran, 10);
+}
+
+TEST_F(ConnectionQueue, AWorkerThatCannotBeStoppedIsLeftBehind) {
+  std::promise<void> release;
+  const auto released = release.get_future().share();
+  {
+    Connections connections{smallLimits()};
+    const auto queue = connections.start();
+    std::promise<void> running;
+    queue->enqueue([&running, released] {
+      running.set_value();
+      released.wait();
+    });
+    running.get_future().wait();
+    queue->shutdown();
+    EXPECT_TRUE(connections.abandoned());
+  }
+  release.set_value();
+}
+
+}  // namespace
+}  // namespace spotserver

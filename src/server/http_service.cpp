@@ -1,0 +1,177 @@
+#include "server/http_service.hpp"
+
+#include <algorithm>
+#include <csignal>
+#include <ctime>
+#include <utility>
+
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "api/activity_endpoint.hpp"
+#include "server/json_text.hpp"
+#include "server/request_gate.hpp"
+#include "server/version.hpp"
+
+namespace spotserver {
+namespace {
+
+constexpr const char* kJson = "application/json";
+constexpr const char* kNotFound = "{\"error\":\"not found\"}";
+constexpr rlim_t kMaxDescriptors = 1024;
+// Connects that may wait while the accept loop is busy; the library asks for five.
+constexpr int kBacklog = 512;
+// Sessions remembered for clients of TLS 1.2; OpenSSL's own default keeps 20,000.
+constexpr long kSessions = 256;
+
+void limitDescriptors() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = std::min(limit.rlim_cur, kMaxDescriptors);
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+// The address may be reused at once after a crash, but never shared by two servers.
+void setReuseAddress(int socket) {
+  const int yes = 1;
+  setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+}
+
+using Verdict = httplib::Server::HandlerResponse;
+
+// The one gate in front of routing.
+Verdict passGate(const httplib::Request& request, httplib::Response& response) {
+  Connections::requestComplete();
+  const auto verdict = judgeBody(request);
+  if (verdict != BodyVerdict::kRoute) Connections::closeAfterAnswer();
+  if (verdict != BodyVerdict::kRefuse) return Verdict::Unhandled;
+  response.status = 404;  // the error handler adds the body
+  return Verdict::Handled;
+}
+
+void announceClose(httplib::Response& response) {
+  if (!Connections::closesAfterAnswer()) return;
+  response.headers.erase("Keep-Alive");
+  response.headers.erase("Connection");
+  response.set_header("Connection", "close");
+}
+
+// What failed stays with us: no text of an exception reaches a client.
+void answerFailure(httplib::Response& response) {
+  response.headers.erase("EXCEPTION_WHAT");
+  response.body.clear();
+  response.status = 500;
+}
+
+// Versions of the library before 0.10.4 or so do not give their TLS context out; there the
+// connections run without deadlines of ours.
+template <typename Server>
+void watchConnections(Server& server, Connections& connections) {
+  if constexpr (requires { server.ssl_context(); }) {
+    connections.watch(server.ssl_context());
+    SSL_CTX_sess_set_cache_size(server.ssl_context(), kSessions);
+  }
+}
+
+}  // namespace
+
+std::string healthDocument(bool demo, double now, const std::string& fingerprint) {
+  std::string body = "{\"service\":\"corvane-spot-server\",\"version\":";
+  json_quote(body, kVersion);
+  body += ",\"mode\":";
+  json_quote(body, demo ? "demo" : "live");
+  body += ",\"server_time\":";
+  body += json_number(0, now);
+  body += ",\"fingerprint_sha256\":";
+  json_quote(body, fingerprint);
+  body += '}';
+  return body;
+}
+
+// Reaches the listening socket, which the library keeps for its subclasses.
+class HttpService::Server : public httplib::SSLServer {
+ public:
+  using httplib::SSLServer::SSLServer;
+
+  void widenBacklog() { ::listen(svr_sock_, kBacklog); }
+
+  // The library's own stop() asserts that it is called once.
+  void takeListener() noexcept {
+    if (!is_running()) return;
+    const auto listener = svr_sock_.exchange(INVALID_SOCKET);
+    if (listener == INVALID_SOCKET) return;
+    ::shutdown(listener, SHUT_RDWR);
+    ::close(listener);
+  }
+};
+
+HttpService::HttpService(const ServerSettings& settings, SpotStore& store, const std::string& token,
+                         const std::string& fingerprint, const ConnectionLimits& limits)
+    : connections_(limits, [&store] { store.interrupt(); }),
+      server_(std::make_unique<Server>(settings.cert.c_str(), settings.key.c_str())),
+      bind_address_(settings.bind),
+      port_(settings.port) {
+  std::signal(SIGPIPE, SIG_IGN);
+  limitDescriptors();
+  if (!server_->is_valid()) return;
+  watchConnections(*server_, connections_);
+
+  server_->set_keep_alive_timeout(60);
+  server_->set_read_timeout(30, 0);
+  server_->set_write_timeout(30, 0);
+  server_->set_tcp_nodelay(true);
+  server_->set_socket_options([](auto socket) { setReuseAddress(socket); });
+
+  server_->Get("/api/v1/health", [demo = settings.demo, fingerprint](const auto&, auto& response) {
+    const auto now = static_cast<double>(std::time(nullptr));
+    response.set_content(healthDocument(demo, now, fingerprint), kJson);
+  });
+  const ActivityEndpoint endpoint{throttle_, token, store, settings.reload};
+  server_->Get("/api/v1/activity", [endpoint](const auto& request, auto& response) {
+    handleActivity(endpoint, request, response);
+  });
+
+  server_->set_pre_routing_handler(passGate);
+  server_->set_expect_100_continue_handler([](const auto& request, auto& response) {
+    // A body that will not be read is not asked for either.
+    if (judgeBody(request) != BodyVerdict::kRefuse) return 100;
+    passGate(request, response);
+    return response.status;
+  });
+  server_->set_post_routing_handler([](const auto&, auto& response) { announceClose(response); });
+  server_->set_error_handler([](const httplib::Request&, httplib::Response& response) {
+    if (response.status == 404) response.set_content(kNotFound, kJson);
+  });
+  server_->set_exception_handler(
+      [](const auto&, auto& response, auto&&...) { answerFailure(response); });
+  server_->set_logger([](const auto&, const auto&) { Connections::answered(); });
+}
+
+HttpService::~HttpService() = default;
+
+bool HttpService::valid() const { return server_->is_valid(); }
+
+bool HttpService::bind() {
+  if (!server_->bind_to_port(bind_address_, port_)) return false;
+  server_->widenBacklog();
+  return true;
+}
+
+bool HttpService::serve(std::function<void()> on_running) {
+  // The library asks for the task queue once it counts as running: from then on stop() works.
+  server_->new_task_queue = [this, &on_running] {
+    auto queue = connections_.start();
+    on_running();
+    return queue.release();
+  };
+  return server_->listen_after_bind();
+}
+
+void HttpService::stop() noexcept { server_->takeListener(); }
+
+std::size_t HttpService::inFlight() const { return connections_.inFlight(); }
+
+bool HttpService::abandoned() const { return connections_.abandoned(); }
+
+}  // namespace spotserver

@@ -1,0 +1,80 @@
+#include "server/request_gate.hpp"
+
+#include <gtest/gtest.h>
+
+namespace spotserver {
+namespace {
+
+httplib::Request requestWith(const char* method,
+                             std::initializer_list<std::pair<const char*, const char*>> headers) {
+  httplib::Request request;
+  request.method = method;
+  for (const auto& [name, value] : headers) request.headers.emplace(name, value);
+  return request;
+}
+
+TEST(RequestGate, RequestsWithoutABodyAreRouted) {
+  for (const char* method : {"GET", "HEAD", "OPTIONS", "DELETE", "TRACE", "CONNECT"}) {
+    EXPECT_EQ(judgeBody(requestWith(method, {})), BodyVerdict::kRoute) << method;
+    EXPECT_EQ(judgeBody(requestWith(method, {{"Content-Length", "0"}})), BodyVerdict::kRoute)
+        << method;
+  }
+}
+
+TEST(RequestGate, SmallPlainBodiesGoTheLibrarysWay) {
+  for (const char* method : {"POST", "PUT", "PATCH", "PRI", "DELETE"}) {
+    for (const char* length : {"0", "1", "65536"}) {
+      EXPECT_EQ(judgeBody(requestWith(method, {{"content-length", length}})), BodyVerdict::kRoute)
+          << method << ' ' << length;
+    }
+    EXPECT_EQ(judgeBody(requestWith(method, {{"Content-Length", "65537"}})), BodyVerdict::kRefuse)
+        << method;
+  }
+}
+
+TEST(RequestGate, BodiesThatCostMoreThanTheyAnnounceAreRefused) {
+  const struct {
+    const char* name;
+    const char* value;
+  } extras[] = {
+      {"Transfer-Encoding", "chunked"},    {"Content-Encoding", "br"},
+      {"Content-Encoding", "gzip"},        {"Content-Type", "multipart/form-data; boundary=x"},
+      {"content-type", "Multipart/Mixed"}, {"Content-Length", "10"}};  // a second length
+  for (const auto& extra : extras) {
+    for (const char* method : {"POST", "PUT", "PATCH", "PRI", "DELETE"}) {
+      const auto request =
+          requestWith(method, {{"Content-Length", "9"}, {extra.name, extra.value}});
+      EXPECT_EQ(judgeBody(request), BodyVerdict::kRefuse) << method << ' ' << extra.name;
+    }
+  }
+}
+
+TEST(RequestGate, LengthlessBodiesAreRefusedWhereALengthIsDue) {
+  for (const char* method : {"POST", "PUT", "PATCH", "PRI"}) {
+    EXPECT_EQ(judgeBody(requestWith(method, {})), BodyVerdict::kRefuse) << method;
+  }
+  EXPECT_EQ(judgeBody(requestWith("DELETE", {{"Transfer-Encoding", "chunked"}})),
+            BodyVerdict::kRefuse);
+}
+
+TEST(RequestGate, OddLengthsAreRefused) {
+  for (const char* length : {"", "-1", "+5", "5x", " 5", "0x10", "1e3", "5,5",
+                             "18446744073709551616", "99999999999999999999999"}) {
+    EXPECT_EQ(judgeBody(requestWith("POST", {{"Content-Length", length}})), BodyVerdict::kRefuse)
+        << length;
+  }
+}
+
+TEST(RequestGate, AnUnreadBodyNeverPassesForTheNextRequest) {
+  const std::pair<const char*, const char*> announcements[] = {
+      {"Content-Length", "1"}, {"Content-Length", "odd"}, {"Transfer-Encoding", "chunked"}};
+  for (const char* method : {"GET", "HEAD", "OPTIONS", "TRACE", "CONNECT"}) {
+    for (const auto& announcement : announcements) {
+      EXPECT_EQ(judgeBody(requestWith(method, {announcement})), BodyVerdict::kRouteThenClose)
+          << method << ' ' << announcement.first << ": " << announcement.second;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace spotserver
