@@ -1,0 +1,184 @@
+// What clients do to connections and workers, by mistake or on purpose.
+#include <deque>
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include "hostile/service_fixture.hpp"
+
+namespace spotserver::hostile {
+namespace {
+
+using e2e::Clock;
+using e2e::TlsClient;
+
+constexpr std::size_t kWorkers = 4;
+
+ConnectionLimits smallLimits() {
+  ConnectionLimits limits;
+  limits.workers = kWorkers;
+  limits.handshake = 300ms;
+  limits.request = 400ms;
+  limits.write = 500ms;
+  limits.linger = 300ms;
+  limits.idle = 200ms;
+  return limits;
+}
+
+std::deque<TlsClient> idlePhones(int port, std::size_t count) {
+  std::deque<TlsClient> phones;
+  for (std::size_t i = 0; i < count; ++i) {
+    EXPECT_EQ(phones.emplace_back(port).request("GET", "/api/v1/health").status, 200);
+  }
+  return phones;
+}
+
+// Returns when the server has ended the connection of a bare socket.
+void awaitEnd(const Fd& socket) {
+  char byte;
+  while (::recv(socket.get(), &byte, 1, 0) > 0) {
+  }
+}
+
+TEST(Connections, AllWorkersButOneMayBeHeldBySilentPeers) {
+  Service service(smallLimits());
+  std::deque<Fd> silent;
+  for (std::size_t i = 0; i + 1 < kWorkers; ++i) silent.push_back(e2e::connectTcp(service.port()));
+  EXPECT_EQ(service.health(), 200);
+}
+
+TEST(Connections, APeerSilentInTheHandshakeIsCut) {
+  Service service(smallLimits());
+  std::deque<Fd> silent;
+  for (std::size_t i = 0; i < kWorkers; ++i) silent.push_back(e2e::connectTcp(service.port()));
+  EXPECT_EQ(service.health(), 200);  // answered once one of them is gone
+  for (const Fd& peer : silent) awaitEnd(peer);
+}
+
+TEST(Connections, TheLongestIdleConnectionGivesWayToANewOne) {
+  Service service(smallLimits());
+  auto phones = idlePhones(service.port(), kWorkers);
+  EXPECT_EQ(phones[0].request("GET", "/api/v1/health").status, 200);  // now 1 is idle longest
+  TlsClient newcomer(service.port());
+  EXPECT_EQ(newcomer.request("GET", "/api/v1/health").status, 200);
+  phones[1].awaitClose();
+  for (const std::size_t i : {std::size_t{0}, std::size_t{2}, std::size_t{3}}) {
+    EXPECT_EQ(phones[i].request("GET", "/api/v1/health").status, 200) << i;
+  }
+}
+
+TEST(Connections, AConnectionThatNeverAskedIsIdleToo) {
+  Service service(smallLimits());
+  std::deque<TlsClient> mute;
+  for (std::size_t i = 0; i < kWorkers; ++i) mute.emplace_back(service.port());
+  EXPECT_EQ(service.health(), 200);
+  mute.front().awaitClose();
+}
+
+TEST(Connections, NoIdleConnectionIsCutWhileAWorkerIsFree) {
+  Service service(smallLimits());
+  auto phones = idlePhones(service.port(), kWorkers - 1);
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(service.health(), 200);
+  for (auto& phone : phones) EXPECT_EQ(phone.request("GET", "/api/v1/health").status, 200);
+}
+
+TEST(Connections, ARequestThatTricklesIsCut) {
+  Service service(smallLimits());
+  std::deque<TlsClient> trickling;
+  for (std::size_t i = 0; i < kWorkers; ++i) trickling.emplace_back(service.port()).send("GET /");
+  awaitThat([&] { return service.inFlight() == kWorkers; });
+  EXPECT_EQ(service.health(), 200);
+  for (auto& peer : trickling) peer.awaitClose();
+}
+
+TEST(Connections, SendingNowAndThenDoesNotProlongARequest) {
+  Service service(smallLimits());
+  TlsClient peer(service.port());
+  const auto begin = Clock::now();
+  EXPECT_THROW(
+      for (;;) {
+        peer.send("x");
+        std::this_thread::sleep_for(20ms);
+      },
+      std::runtime_error);
+  EXPECT_LT(Clock::now() - begin, 10 * smallLimits().request);
+}
+
+TEST(Connections, AnEndlessRequestLineIsCutAtItsLimit) {
+  auto limits = smallLimits();
+  limits.request = 20s;
+  Service service(limits);
+  TlsClient peer(service.port());
+  const std::string piece(16 * 1024, 'a');
+  peer.send("GET /");
+  std::size_t sent = 0;
+  EXPECT_THROW(for (; sent < (std::size_t{64} << 20); sent += piece.size()) peer.send(piece),
+               std::runtime_error);
+  EXPECT_GE(sent, limits.request_bytes / 2);
+  EXPECT_EQ(service.health(), 200);
+}
+
+TEST(Connections, AnEndlessHeaderIsCutAtItsLimit) {
+  auto limits = smallLimits();
+  limits.request = 20s;
+  Service service(limits);
+  TlsClient peer(service.port());
+  peer.send("GET /api/v1/health HTTP/1.1\r\n");
+  const std::string header = "X-More: " + std::string(1000, 'm') + "\r\n";
+  EXPECT_THROW(for (std::size_t sent = 0; sent < (std::size_t{64} << 20); sent += header.size())
+                   peer.send(header),
+               std::runtime_error);
+  EXPECT_EQ(service.health(), 200);
+}
+
+TEST(Connections, AnAbsurdRangeIsAnsweredAndTheServerGoesOn) {
+  Service service(smallLimits());
+  TlsClient peer(service.port());
+  const e2e::Headers range = {{"Range", "bytes=99999999999999999999999-"}};
+  EXPECT_EQ(peer.request("GET", "/api/v1/health", range).status, 416);
+  EXPECT_EQ(peer.request("GET", "/api/v1/health").status, 200);
+}
+
+TEST(Connections, ManyAtOnceAreAllServed) {
+  Service service(smallLimits());
+  std::vector<std::future<int>> answers;
+  for (int i = 0; i < 100; ++i) {
+    answers.push_back(std::async(std::launch::async, [&service] { return service.health(); }));
+  }
+  for (auto& answer : answers) EXPECT_EQ(answer.get(), 200);
+}
+
+// --- stopping ---
+
+TEST(Stopping, NoClientHoldsTheServiceUp) {
+  Service service(smallLimits());
+  auto phones = idlePhones(service.port(), 1);
+  TlsClient trickling(service.port());
+  trickling.send("GET /");
+  const Fd silent = e2e::connectTcp(service.port());
+  const Fd waiting = e2e::connectTcp(service.port());
+  const Fd waiting_too = e2e::connectTcp(service.port());
+  awaitThat([&] { return service.inFlight() == 1; });
+  const auto begin = Clock::now();
+  EXPECT_TRUE(service.stop());
+  EXPECT_LT(Clock::now() - begin, 3s);
+}
+
+TEST(Stopping, ARequestInFlightStillGetsItsAnswer) {
+  Service service(smallLimits());
+  TlsClient phone(service.port());
+  std::future<bool> stopped;
+  {
+    const auto held = service.store().lock();  // the request waits for this
+    phone.send("GET /api/v1/activity HTTP/1.1\r\nHost: s\r\nX-Spot-Token: " + service.token() +
+               "\r\n\r\n");
+    awaitThat([&] { return service.inFlight() == 1; });
+    stopped = std::async(std::launch::async, [&service] { return service.stop(); });
+    EXPECT_EQ(stopped.wait_for(1s), std::future_status::timeout);
+  }
+  EXPECT_EQ(phone.receive().status, 200);
+  EXPECT_TRUE(stopped.get());
+}
+
+}  // namespace
+}  // namespace spotserver::hostile
