@@ -292,6 +292,7 @@ std::string with(std::string text, std::size_t at, char byte) {
 
 TEST_F(ContinuesLog, TellsALogThatWentOnFromOneWrittenAnew) {
   const std::string day(1000, 'd');
+  const std::string nuls("one\n\0\0", 6);
   const struct {
     const char* name;
     std::string read;
@@ -309,6 +310,7 @@ TEST_F(ContinuesLog, TellsALogThatWentOnFromOneWrittenAnew) {
       {"written anew, grown past the end", "one\n", "two\nthree\n", false},
       {"half line cut off", "one\ntw", "one\n", false},
       {"half line became another", "one\ntw", "one\nthree\n", false},
+      {"NUL bytes cut off", nuls, "one\n", false},
       {"long log appended", day + "\n", day + "\nnext\n", true},
       {"last byte another", day + "\n", day + "x\nnext\n", false},
       {"first byte remembered another", day + "\n", with(day, 873, 'x') + "\n", false},
@@ -403,6 +405,15 @@ TEST(FindLogStart, WholeLogWantedStartsAtZeroAndNoneWantedNearTheEnd) {
   EXPECT_GE(start, file.size - 65'536);
 }
 
+TEST(FindLogStart, SpanOf64KiBIsHalvedNoFurther) {
+  TempDir dir;
+  std::string old = evenLog(200'000, 0);
+  old.resize(131'072);
+  EXPECT_EQ(findLogStart(open(dir.write("log", old)), kNow + 1), 65'536u);
+  old.resize(131'074);
+  EXPECT_EQ(findLogStart(open(dir.write("log", old + "\n")), kNow + 1), 65'537u + 32'769u);
+}
+
 TEST(FindLogStart, LineExactlyAsOldAsTheTargetIsWanted) {
   // All lines carry one date: a second earlier wants all of them, a second later none.
   const std::string text = evenLog(300'000, 0);
@@ -422,6 +433,9 @@ TEST(FindLogStart, ProbeWithoutALineEndWithinOneMebibyteCountsAsOlder) {
     return findLogStart(open(dir.write("log", text)), kNow) < 1'250'000;
   };
   EXPECT_TRUE(probeFinds(100));
+  for (const std::size_t chunk_edge : {65'535u, 65'536u, 65'537u}) {
+    EXPECT_TRUE(probeFinds(chunk_edge)) << chunk_edge;
+  }
   EXPECT_TRUE(probeFinds(1'048'575));
   EXPECT_FALSE(probeFinds(1'048'576));
 }

@@ -95,6 +95,13 @@ TEST_F(Refresh, LineBecomesASpot) {
   EXPECT_THAT(data.last_heard_by_band, IsEmpty());
 }
 
+TEST_F(Refresh, NewestDecodeIsTheLatestInWhateverOrder) {
+  writeLog(heard("N0AAA", 30) + heard("N0BBB", 10) + heard("N0CCC", 20));
+  refresh();
+  EXPECT_EQ(data.newest_decode, kNow - 10);
+  EXPECT_THAT(callsigns(data), UnorderedElementsAre("N0AAA", "N0BBB", "N0CCC"));
+}
+
 TEST_F(Refresh, SenderIsRecordedOverallAndOnTheBandOfTheDialFrequency) {
   writeLog(decodeLine(kNow - 30, "CQ N0CALL FN42") + decodeLine(kNow - 15, "CQ N0CALL FN42", "99"));
   refresh();
@@ -329,6 +336,21 @@ TEST_F(Refresh, LogWithoutAPathIsNoLog) {
   EXPECT_EQ(data.last_refresh, kNow);
 }
 
+TEST_F(Refresh, LogThatOpensButCannotBeReadLeavesTheStoreAsItIs) {
+  writeLog(heard("N0AAA"));
+  refresh();
+  // A regular file whose first page nobody can read; the store is to take it for the log it knows.
+  data.all_txt_path = "/proc/self/mem";
+  struct stat status {};
+  ASSERT_EQ(stat(data.all_txt_path.c_str(), &status), 0);
+  data.log.inode = status.st_ino;
+  data.log.offset = 0;
+  const auto generation = data.generation;
+  refresh();
+  EXPECT_THAT(callsigns(data), ElementsAre("N0AAA"));
+  EXPECT_EQ(data.generation, generation);
+}
+
 TEST_F(Refresh, LinkToALogIsFollowed) {
   dir.write("real", heard("N0AAA"));
   std::filesystem::create_symlink(dir.path("real"), data.all_txt_path);
@@ -403,6 +425,15 @@ TEST_F(Refresh, LargeLogIsSearchedOnceAndThenFollowed) {
   refresh();
   EXPECT_EQ(data.accepted_lines, lines + 1);
   EXPECT_EQ(data.spots.size(), spots + 1);
+}
+
+TEST_F(Refresh, LogThatGrewLargeBeforeItsFirstLineEndedIsSearched) {
+  writeLog("junk");
+  refresh();
+  appendLog("\n" + longLog(2 << 20, 10, kNow - 200'000));
+  refresh();
+  EXPECT_GT(data.accepted_lines, 0u);
+  EXPECT_LE(data.accepted_lines, 65'536 / heard("N0AAA").size());
 }
 
 TEST_F(Refresh, PartialFirstLineThatIsUnfinishedIsSkippedWhenItEnds) {
@@ -508,6 +539,18 @@ TEST_F(Refresh, ClockSetBackReadsAtOnceWhateverTheMinimumInterval) {
   refreshSpots(data, kNow - 601, 1e6);
   EXPECT_EQ(data.accepted_lines, 2u);
   EXPECT_THAT(callsigns(data), ElementsAre("N0AAA"));
+}
+
+TEST_F(Refresh, ClockSetBackEmptiesIntervalsAndRatesEvenIfTheHistoryIsGone) {
+  makeHistory();
+  refresh();
+  ASSERT_THAT(data.rates, SizeIs(1));
+  std::filesystem::remove(data.history_path);
+  refresh(kNow - 601);
+  EXPECT_THAT(data.intervals, IsEmpty());
+  EXPECT_THAT(data.rates, IsEmpty());
+  EXPECT_EQ(data.history_read_to, 0);
+  EXPECT_FALSE(data.history_in_use);
 }
 
 TEST_F(Refresh, ClockSetBackWithoutALogEmptiesAndCounts) {
