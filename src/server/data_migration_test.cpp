@@ -379,6 +379,17 @@ TEST(DataMigration, ADirectoryThatCannotBeMovedIsSkippedAndTheOthersAreNot) {
   EXPECT_EQ(linkAt(home.data + "/velkor-tuner"), "corvane");
 }
 
+TEST(DataMigration, AMoveThatFailsRewritesNothing) {
+  const AsOrdinaryUser user;
+  const Home home;
+  home.put(".config/corvane/x.conf", home.data + "/velkor-tuner/x");
+  home.put(".local/share/velkor-tuner/x", "");
+  ::chmod(home.data.c_str(), 0500);
+  home.migrate();
+  ::chmod(home.data.c_str(), 0700);
+  EXPECT_EQ(home.read(".config/corvane/x.conf"), home.data + "/velkor-tuner/x");
+}
+
 TEST(DataMigration, AFileThatCannotBeReadIsSkipped) {
   const AsOrdinaryUser user;
   const Home home;

@@ -1,6 +1,7 @@
 #include "spots/refresh.hpp"
 
 #include <algorithm>
+#include <limits>
 #include <utility>
 
 #include "api/band_plan.hpp"

@@ -50,6 +50,7 @@ inline std::vector<std::string> plainSpots(const std::string& path, double from,
     return std::floor(a.time / 60) < std::floor(b.time / 60);
   });
   std::vector<std::string> spots;
+  spots.reserve(found.size());
   for (const auto& spot : found) spots.push_back(describe(spot));
   return spots;
 }
@@ -69,7 +70,7 @@ class RefreshScript {
       if (script_.below(2) == 0) continue;
       const std::string difference = refresh();
       if (!difference.empty()) {
-        return "step " + std::to_string(step) + ", " + what + ": " + difference;
+        return what + " (step " + std::to_string(step) + "): " + difference;
       }
     }
     return "";

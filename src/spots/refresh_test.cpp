@@ -775,11 +775,12 @@ TEST_F(Refresh, StoppedRefreshConsumesNothingAndLosesNothing) {
 
 // Logs of no sensible size.
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifndef __has_feature  // Clang's way to tell; GCC has the macros
+#define __has_feature(feature) 0
+#endif
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || \
+    __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
 constexpr bool kMemoryIsOurs = false;
-#elif defined(__has_feature)
-constexpr bool kMemoryIsOurs =
-    !__has_feature(address_sanitizer) && !__has_feature(thread_sanitizer);
 #else
 constexpr bool kMemoryIsOurs = true;
 #endif
