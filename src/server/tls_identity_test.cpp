@@ -48,8 +48,11 @@ void* reallocate(void* old, std::size_t size, const char* /*file*/, int /*line*/
 }
 void release(void* memory, const char* /*file*/, int /*line*/) { std::free(memory); }
 
-// Before main, since OpenSSL takes other functions only until its first allocation.
-const bool g_installed = CRYPTO_set_mem_functions(allocate, reallocate, release) == 1;
+// OpenSSL takes other functions only until its first allocation, and the HTTP library makes that
+// one as it is loaded. What stands in this section runs before any library's own initialisation.
+bool g_installed = false;
+void install() { g_installed = CRYPTO_set_mem_functions(allocate, reallocate, release) == 1; }
+[[gnu::section(".preinit_array"), gnu::used]] void (*const g_install)() = install;
 
 // What `act` throws when OpenSSL gets `good` blocks of memory and no more.
 template <typename Act>
