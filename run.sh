@@ -19,6 +19,9 @@ install_country_file() {
   say "To have it, run as root: install -D -m 0644 $checkout/data/cty.dat $installed"
 }
 
+# Whether there is anything of that name, a link that leads nowhere included.
+is_there() { [[ -e $1 || -L $1 ]]; }
+
 # Starts writing a sample station anew. It lives as long as this process, which becomes the server.
 # Returns once the day up to now is written.
 start_sample_station() {
@@ -35,9 +38,12 @@ is_configured || configure
 build corvane-spot-server sample_station
 install_country_file
 
-log=${XDG_STATE_HOME:-${HOME:-/root}/.local/state}/corvane/ALL.TXT
+# The server moves the directories of its former name first thing, whatever it is asked for.
+"$build/corvane-spot-server" --version >/dev/null
+state=${XDG_STATE_HOME:-${HOME:-/root}/.local/state}/corvane
+log=$state/ALL.TXT
 sample=$build/sample-station
-if (($# == 0)) && [[ ! -e $log && ! -L $log ]]; then
+if (($# == 0)) && ! is_there "$log" && ! is_there "$state/history.sqlite3"; then
   say "There is no decode log at $log: serving a sample station from $sample"
   start_sample_station
   set -- --all-txt "$sample/ALL.TXT" --history-db "$sample/history.sqlite3"
