@@ -74,8 +74,11 @@ double now_in_seconds() { return static_cast<double>(std::time(nullptr)); }
 // Where a country file may lie, most preferred first. A detached server works in "/", so the
 // relative candidate is settled now.
 std::vector<std::string> country_file_candidates() {
-  return {working_directory() + "/cty.dat", "/usr/share/corvane/cty.dat",
-          "/build/src/corvane/data/cty.dat"};
+  std::vector<std::string> candidates{"/usr/share/corvane/cty.dat",
+                                      "/build/src/corvane/data/cty.dat"};
+  const std::string directory = working_directory();  // empty: it was removed
+  if (!directory.empty()) candidates.insert(candidates.begin(), directory + "/cty.dat");
+  return candidates;
 }
 
 void load_store(SpotStore& store, const ServerSettings& settings) {
@@ -88,7 +91,7 @@ void load_store(SpotStore& store, const ServerSettings& settings) {
   if (settings.demo) {
     generateDemoSpots(store, now_in_seconds());
   } else {
-    store.refresh(now_in_seconds(), settings.reload);
+    store.refresh(now_in_seconds(), 0);  // the first load waits for no interval
   }
 }
 
