@@ -107,19 +107,32 @@ std::string replace_all(std::string_view text, std::string_view from, std::strin
   return result.append(text);
 }
 
-void rewrite_config(const fs::path& path, const std::vector<Directory>& directories) {
-  const auto file = openRegularFile(path);
+// A configuration file that still names an old directory, and what it should say.
+struct Rewriting {
   struct stat status {};
-  if (!file || ::fstat(file->fd.get(), &status) != 0) return;
+  std::string text;
+};
+
+std::optional<Rewriting> rewriting_of(const fs::path& path,
+                                      const std::vector<Directory>& directories) {
+  const auto file = openRegularFile(path);
+  Rewriting rewriting;
+  if (!file || ::fstat(file->fd.get(), &rewriting.status) != 0) return std::nullopt;
   const auto text = readWhole(*file, kLargestConfig);
-  if (!text) return;
-  std::string result = *text;
+  if (!text) return std::nullopt;
+  rewriting.text = *text;
   for (const Directory& directory : directories) {
-    result =
-        replace_all(result, directory.old_path.string() + "/", directory.new_path.string() + "/");
+    rewriting.text = replace_all(rewriting.text, directory.old_path.string() + "/",
+                                 directory.new_path.string() + "/");
   }
-  if (result == *text) return;
-  write_atomically(path, result, {.suffix = kRewriteSuffix, .like = &status});
+  if (rewriting.text == *text) return std::nullopt;
+  return rewriting;
+}
+
+void rewrite_config(const fs::path& path, const std::vector<Directory>& directories) {
+  const auto rewriting = rewriting_of(path, directories);
+  if (!rewriting) return;
+  write_atomically(path, rewriting->text, {.suffix = kRewriteSuffix, .like = &rewriting->status});
 }
 
 void rewrite_configs(const fs::path& directory, const std::vector<Directory>& directories) {
@@ -128,12 +141,24 @@ void rewrite_configs(const fs::path& directory, const std::vector<Directory>& di
   }
 }
 
-// A run that was killed while it rewrote a file leaves its temporary behind. Only where we have
-// been before: the old name is a link then.
-void remove_leftovers(const Directory& config) {
+// Whether `file` is what a run leaves that is killed while it rewrites `config`: some beginning of
+// what was to be written, beside a file that was not replaced. Anything else is the user's.
+bool is_leftover(const fs::path& file, const fs::path& config,
+                 const std::vector<Directory>& directories) {
+  const auto rewriting = rewriting_of(config, directories);
+  const auto leftover = openRegularFile(file);
+  if (!rewriting || !leftover) return false;
+  const auto text = readWhole(*leftover, rewriting->text.size());
+  return text && rewriting->text.starts_with(*text);
+}
+
+// Only where we have been before: the old name is a link then.
+void remove_leftovers(const Directory& config, const std::vector<Directory>& directories) {
   if (type_of(config.old_path) != fs::file_type::symlink) return;
   for (const fs::path& file : regular_files(config.new_path)) {
-    if (file.extension() == kRewriteSuffix && is_config(file.stem())) ::unlink(file.c_str());
+    const fs::path rewritten = fs::path(file).replace_extension();
+    if (file.extension() != kRewriteSuffix || !is_config(rewritten)) continue;
+    if (is_leftover(file, rewritten, directories)) ::unlink(file.c_str());
   }
 }
 
@@ -154,7 +179,7 @@ void migrateDataDirectories(const Environment& environment) {
     rename_main_config(config->new_path);
     rewrite_configs(config->new_path, directories);
   }
-  remove_leftovers(*config);
+  remove_leftovers(*config, directories);
 }
 
 void migrateDataDirectories() { migrateDataDirectories(::getenv); }

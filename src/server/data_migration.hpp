@@ -13,8 +13,8 @@ namespace spotserver {
 // A new directory that holds anything is never touched, and neither is a configuration file that is
 // a link, not a regular file, or larger than 16 MiB. A rewritten file keeps its permission bits.
 // Silent: whatever fails is left as it is. A later call picks up the directories that are left; it
-// also removes what a killed one left of a rewriting (names ending in ".conf.rename" and
-// ".ini.rename"). Call before any other thread exists.
+// also removes what a killed one left of a rewriting: a beginning of the new text under the file's
+// name plus ".rename". Call before any other thread exists.
 void migrateDataDirectories(const Environment& environment);
 void migrateDataDirectories();  // with the process's own environment
 

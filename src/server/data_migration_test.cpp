@@ -353,6 +353,7 @@ TEST(DataMigration, ASecondStartChangesNothing) {
   home.put(".local/share/velkor-tuner/x", "");
   home.migrate();
   home.put(".config/corvane/late.conf", home.data + "/velkor-tuner/x");  // the user's business now
+  home.put(".config/corvane/late.conf.rename", "the user's");
   const auto before = inventory(home.dir.path());
   home.migrate();
   EXPECT_EQ(inventory(home.dir.path()), before);
@@ -492,14 +493,22 @@ TEST(DataMigration, KilledWhileRewritingTheLeftoverGoesAndTheOldPathStillLeadsTh
   const std::string text = home.data + "/velkor-tuner/x";
   home.put(".config/corvane/a.conf", text);
   home.put(".config/corvane/a.conf.rename", home.data + "/corv");
+  home.put(".config/corvane/b.ini", text);
   home.put(".config/corvane/b.ini.rename", "");
   home.put(".config/corvane/c.txt.rename", "the user's");
+  home.put(".config/corvane/e.conf", text);
+  home.put(".config/corvane/e.conf.rename", "the user's");
+  home.put(".config/corvane/f.conf.rename", "");  // beside nothing
+  home.put(".config/corvane/g.conf", "nothing to rewrite");
+  home.put(".config/corvane/g.conf.rename", "");
   fs::create_directory(home.config + "/corvane/d.conf.rename");
   home.put(".local/share/corvane/x", "history");
   fs::create_directory_symlink("corvane", home.config + "/velkor-tuner");
   fs::create_directory_symlink("corvane", home.data + "/velkor-tuner");
   home.migrate();
-  EXPECT_EQ(namesIn(home.config + "/corvane"), (Names{"a.conf", "c.txt.rename", "d.conf.rename"}));
+  EXPECT_EQ(namesIn(home.config + "/corvane"),
+            (Names{"a.conf", "b.ini", "c.txt.rename", "d.conf.rename", "e.conf", "e.conf.rename",
+                   "f.conf.rename", "g.conf", "g.conf.rename"}));
   EXPECT_EQ(home.read(".config/corvane/a.conf"), text);
   EXPECT_EQ(contentOf(text), "history");
 }
