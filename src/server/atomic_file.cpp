@@ -92,4 +92,14 @@ std::optional<WriteFailure> write_atomically(const std::string& path, std::strin
   return failure;
 }
 
+std::optional<WriteFailure> write_in_place(const std::string& path, std::string_view text,
+                                           mode_t mode) {
+  using Step = WriteFailure::Step;
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+  Fd file(::open(path.c_str(), kFlags, mode));
+  if (!file) return WriteFailure{Step::kCreate, errno};
+  if (!fill(file, text, nullptr)) return WriteFailure{Step::kWrite, errno};
+  return std::nullopt;
+}
+
 }  // namespace spotserver

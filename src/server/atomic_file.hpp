@@ -33,4 +33,10 @@ struct WriteFailure {
 std::optional<WriteFailure> write_atomically(const std::string& path, std::string_view text,
                                              const AtomicWrite& how = {});
 
+// Makes what `path` names hold `text`, through a link and into a device as well, without another
+// file beside it: for a place where write_atomically cannot make one. A new file gets `mode` less
+// the umask. Never waits for the reader of a FIFO. On a failure part of the text may be there.
+std::optional<WriteFailure> write_in_place(const std::string& path, std::string_view text,
+                                           mode_t mode);
+
 }  // namespace spotserver

@@ -42,6 +42,12 @@ bool exists(const std::string& path) {
   return ::stat(path.c_str(), &status) == 0;
 }
 
+// Whether `path` is free or a regular file itself, not a link or a device.
+bool is_plain_name(const std::string& path) {
+  struct stat status {};
+  return ::lstat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode);
+}
+
 void require(bool good, const char* message) {
   if (!good) throw_openssl_error(message);
 }
@@ -145,11 +151,21 @@ void save_key(const EVP_PKEY& key, const std::string& path) {
   throw std::runtime_error("Cannot create key (exists or unwritable): " + path);
 }
 
+// What a link or a device of the user's stands for is written to, and so is a file that we may
+// write in a directory that we may not.
+std::optional<WriteFailure> replace_file(const std::string& path, std::string_view text) {
+  if (is_plain_name(path)) {
+    const auto failed = write_atomically(path, text, {.suffix = kTemporary, .mode = 0666});
+    if (!failed || failed->step == WriteFailure::Step::kWrite || !exists(path)) return failed;
+  }
+  return write_in_place(path, text, 0666);
+}
+
 void save_certificate(const X509& certificate, const std::string& path) {
   ERR_clear_error();
   const BioPtr pem(BIO_new(BIO_s_mem()));
   require(pem && PEM_write_bio_X509(pem.get(), &certificate), "PEM_write_X509 failed");
-  const auto failed = write_atomically(path, contents(*pem), {.suffix = kTemporary, .mode = 0666});
+  const auto failed = replace_file(path, contents(*pem));
   if (!failed) return;
   if (failed->step == WriteFailure::Step::kWrite) {
     throw_system_error(failed->error, "PEM_write_X509 failed");

@@ -324,6 +324,42 @@ TEST(TlsIdentity, AReadOnlyDirectoryIsNamed) {
   EXPECT_EQ(namesIn(dir.path()), Names{});
 }
 
+TEST(TlsIdentity, ACertificateThatIsALinkIsWrittenThroughIt) {
+  const TempDir dir;
+  dir.write("kept", "old");
+  fs::create_symlink("kept", dir.path("c"));
+  ensure_tls_identity(dir.path("c"), dir.path("k"), "x");
+  EXPECT_TRUE(fs::is_symlink(dir.path("c")));
+  EXPECT_TRUE(certificateIn(dir.path("kept")));
+  EXPECT_EQ(namesIn(dir.path()), (Names{"c", "k", "kept"}));
+}
+
+TEST(TlsIdentity, AWritableCertificateIsReplacedInADirectoryThatIsNot) {
+  const AsOrdinaryUser user;
+  const TempDir dir;
+  const TempDir fixed;
+  fixed.write("c", "old, and longer than what takes its place" + std::string(9999, '.'));
+  ::chmod(fixed.path().c_str(), 0500);
+  const std::string error =
+      errorOf([&] { ensure_tls_identity(fixed.path("c"), dir.path("k"), "x"); });
+  ::chmod(fixed.path().c_str(), 0700);
+  EXPECT_EQ(error, "no error");
+  EXPECT_THAT(contentOf(fixed.path("c")), ::testing::EndsWith("-----END CERTIFICATE-----\n"));
+}
+
+TEST(TlsIdentity, ADeviceThatTakesNothingFailsInTheWriting) {
+  const TempDir dir;
+  EXPECT_THAT(errorOf([&] { ensure_tls_identity("/dev/full", dir.path("k"), "x"); }),
+              StartsWith("PEM_write_X509 failed"));
+}
+
+TEST(TlsIdentity, AFifoInPlaceOfTheCertificateIsNotWaitedFor) {
+  const TempDir dir;
+  ASSERT_EQ(::mkfifo(dir.path("c").c_str(), 0600), 0);
+  EXPECT_EQ(errorOf([&] { ensure_tls_identity(dir.path("c"), dir.path("k"), "x"); }),
+            "Cannot write certificate: " + dir.path("c"));
+}
+
 TEST(TlsIdentity, AnUnreadableCertificateIsNamed) {
   const AsOrdinaryUser user;
   const TempDir dir;

@@ -78,6 +78,17 @@ TEST(Http, OtherMethodsOnKnownPathsFindNothing) {
   }
 }
 
+TEST(Http, OtherErrorsKeepTheLibrarysAnswer) {
+  const Station station;
+  ServerProcess server = station.serve();
+  for (const char* method : {"TRACE", "CONNECT", "FOO"}) {
+    const Response answer = TlsClient(station.port()).request(method, kHealthPath);
+    EXPECT_EQ(answer.status, 400) << method;
+    EXPECT_EQ(answer.body, "") << method;
+    EXPECT_NE(answer.header("Content-Type"), "application/json") << method;
+  }
+}
+
 TEST(Http, HeadGivesTheHeadersOfGet) {
   const Station station;
   ServerProcess server = station.serve();
