@@ -1,4 +1,5 @@
-// The line parser against stream extraction. Input: one line; it is tried as a timestamp as well.
+// The line parser against stream extraction. Input: one line; it is tried with a blank in front,
+// which sends it to the reader for odd lines, and as a timestamp as well.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -19,6 +20,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (!reference::same(found, plain)) {
     std::fprintf(stderr, "line: found %s, plain form %s\n", reference::describe(found).c_str(),
                  reference::describe(plain).c_str());
+    std::abort();
+  }
+  if (!reference::same(parseAllTxtLine(" " + copy), plain)) {
+    std::fprintf(stderr, "a blank in front of the line changes what it says\n");
     std::abort();
   }
   if (parseAllTxtTime(line) != reference::parseAllTxtTime(copy)) {

@@ -23,9 +23,11 @@ using testing::PrintToString;
 
 constexpr double kTime = 1'741'947'330;  // 250314_101530
 
-// Production and plain form read the line alike; returns what they read.
+// Production and plain form read the line alike; returns what they read. A blank in front changes
+// nothing but takes the line out of its usual shape: so both readers of the production form see it.
 std::optional<AllTxtRecord> parseAlike(const std::string& line) {
   auto record = parseAllTxtLine(line);
+  EXPECT_TRUE(reference::same(record, parseAllTxtLine(" " + line))) << PrintToString(line);
   const auto plain = reference::parseAllTxtLine(line);
   EXPECT_TRUE(reference::same(record, plain))
       << PrintToString(line) << "\n  found " << reference::describe(record) << "\n  plain "
@@ -457,6 +459,40 @@ TEST(AllTxtReference, AgreesOnRandomDecimals) {
     auto number = random.pick(signs) + digits(22) + "." + digits(22);
     if (random.below(2) == 0) number += "e" + random.pick(signs) + digits(3);
     expectAlike(withFrequency(number));
+  }
+}
+
+// Around the number of digits that are read as one whole number.
+TEST(AllTxtReference, AgreesOnDecimalsOfEveryLength) {
+  reference::Mutator random(15);
+  const int rounds = kSanitized ? 50'000 : 300'000;
+  for (int i = 0; i < rounds; ++i) {
+    std::string number;
+    for (auto count = 1 + random.below(18); count > 0; --count)
+      number += random.pick("0123456789"s);
+    number.insert(random.below(number.size() + 1), ".");
+    expectAlike(withFrequency(number));
+    expectAlike(withTimeOffset(random.pick(std::array<std::string, 2>{"", "-"}) + number));
+  }
+}
+
+TEST(AllTxtReference, AgreesOnEveryShortGap) {
+  const std::array<std::string, 8> fields = {"250314_101530", "14.074", "Rx",   "FT8",
+                                             "-12",           "0.2",    "1234", "CQ N0CALL FN42"};
+  for (std::size_t gap = 1; gap < fields.size(); ++gap) {
+    reference::forEachText(" \t\r.-5R", 4, [&fields, gap](const std::string& text) {
+      std::string line = fields[0];
+      for (std::size_t i = 1; i < fields.size(); ++i) line += (i == gap ? text : " ") + fields[i];
+      expectAlike(line);
+    });
+  }
+}
+
+TEST(AllTxtReference, AgreesOnEveryUnfinishedLine) {
+  const auto line = "250314_101530    14.074 Rx JS8-TURBO    -12 -0.2 1234 CQ N0CALL FN42"s;
+  for (std::size_t size = 0; size <= line.size(); ++size) {
+    parseAlike(line.substr(0, size));
+    parseAlike(line.substr(0, size) + line);
   }
 }
 

@@ -1,6 +1,5 @@
 #include "spots/callsign.hpp"
 
-#include <algorithm>
 #include <cstddef>
 
 namespace spotserver {
@@ -8,47 +7,72 @@ namespace {
 
 constexpr std::size_t kShortestCallsign = 3;
 constexpr std::size_t kLongestCallsign = 32;
-constexpr std::size_t kLongestPrefix = 6;
-constexpr std::size_t kLongestSuffix = 6;
+constexpr unsigned kLongestPrefix = 6;
+constexpr unsigned kLongestSuffix = 6;
 
-// part = prefix digit suffix. The suffix holds no digit, so the last digit of the part is the one
-// between prefix and suffix, and there is only one way to read a part.
-bool isCallsignPart(std::string_view part) {
-  const auto digit = part.find_last_of("0123456789");
-  if (digit > kLongestPrefix) return false;  // or none, npos
-  const auto prefix = part.substr(0, digit);
-  const auto suffix = part.substr(digit + 1);
-  return std::any_of(prefix.begin(), prefix.end(), isUpper) &&  //
-         !suffix.empty() && suffix.size() <= kLongestSuffix;
-}
+char asItIs(char c) { return c; }
 
-bool isCallsignCharacter(char c) { return isUpper(c) || isDigit(c) || c == '/'; }
+// One part of a callsign as it is read, character by character.
+//   part = prefix digit suffix
+// The suffix holds no digit, so the last digit of the part is the one between prefix and suffix,
+// and there is only one way to read a part. Every step is a choice between two values and no jump:
+// where the digit of a callsign stands is nothing a processor could guess.
+struct Part {
+  unsigned size = 0;
+  unsigned prefix = 0;  // characters before the last digit
+  unsigned suffix = 0;  // letters behind it
+  bool letter = false;  // the prefix has one
 
-}  // namespace
-
-bool isValidCallsign(std::string_view text) {
-  if (text.size() < kShortestCallsign || text.size() > kLongestCallsign) return false;
-  if (!std::all_of(text.begin(), text.end(), isCallsignCharacter)) return false;
-
-  bool any_part_valid = false;
-  while (true) {
-    const auto slash = text.find('/');
-    const auto part = text.substr(0, slash);
-    if (part.empty()) return false;  // a slash at an end, or two side by side
-    any_part_valid = any_part_valid || isCallsignPart(part);
-    if (slash == std::string_view::npos) return any_part_valid;
-    text.remove_prefix(slash + 1);
+  void addDigit(bool digit) {
+    letter = letter || (digit && suffix > 0);
+    prefix = digit ? size : prefix;
+    suffix = digit ? 0 : suffix + 1;
+    ++size;
   }
+  bool valid() const {
+    return letter && prefix <= kLongestPrefix && suffix > 0 && suffix <= kLongestSuffix;
+  }
+};
+
+template <char fold(char)>
+bool isCallsign(std::string_view text) {
+  if (text.size() < kShortestCallsign || text.size() > kLongestCallsign) return false;
+  Part part;
+  bool any_part_valid = false;
+  for (const char raw : text) {
+    const char c = fold(raw);
+    if (c == '/') {
+      if (part.size == 0) return false;  // a slash at the front, or two side by side
+      any_part_valid = any_part_valid || part.valid();
+      part = {};
+    } else if (isUpper(c) || isDigit(c)) {
+      part.addDigit(isDigit(c));
+    } else {
+      return false;
+    }
+  }
+  return part.size > 0 && (any_part_valid || part.valid());
 }
 
-bool isValidGrid(std::string_view text) {
+template <char fold(char)>
+bool isGrid(std::string_view text) {
   if (text.size() != 4 && text.size() != 6 && text.size() != 8) return false;
   const auto pairWithin = [text](std::size_t at, char first, char last) {
-    return at >= text.size() || (text[at] >= first && text[at] <= last &&  //
-                                 text[at + 1] >= first && text[at + 1] <= last);
+    if (at >= text.size()) return true;
+    const char one = fold(text[at]);
+    const char two = fold(text[at + 1]);
+    return one >= first && one <= last && two >= first && two <= last;
   };
   return pairWithin(0, 'A', 'R') && pairWithin(2, '0', '9') &&  //
          pairWithin(4, 'A', 'X') && pairWithin(6, '0', '9');
 }
+
+}  // namespace
+
+bool isValidCallsign(std::string_view text) { return isCallsign<asItIs>(text); }
+bool isCallsignInAnyCase(std::string_view text) { return isCallsign<toUpper>(text); }
+
+bool isValidGrid(std::string_view text) { return isGrid<asItIs>(text); }
+bool isGridInAnyCase(std::string_view text) { return isGrid<toUpper>(text); }
 
 }  // namespace spotserver

@@ -1,11 +1,13 @@
 // Whether a word has the shape of a callsign or of a Maidenhead locator.
 //
-// Both validators look at shape alone and cost one pass over at most 32 characters. They know upper
-// case only: a caller whose text may hold lower case brings it to upper case first, by toUpper.
-//   isValidCallsign("N0CALL")    // true
-//   isValidCallsign("PA/N0CALL") // true
-//   isValidCallsign("123ABC")    // false: no letter before the digit that separates the parts
-//   isValidGrid("FN42AB")        // true
+// The validators look at shape alone and cost one pass over at most 32 characters. Each has a form
+// that knows upper case only and one to which "n0call" is as good as "N0CALL".
+//   isValidCallsign("N0CALL")      // true
+//   isValidCallsign("PA/N0CALL")   // true
+//   isValidCallsign("123ABC")      // false: no letter before the digit that separates the parts
+//   isValidCallsign("n0call")      // false
+//   isCallsignInAnyCase("n0call")  // true
+//   isValidGrid("FN42AB")          // true
 #pragma once
 
 #include <string_view>
@@ -24,8 +26,10 @@ constexpr char toUpper(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>
 //   part = prefix digit suffix    prefix: 1 to 6 letters and digits, at least one a letter
 //                                 suffix: 1 to 6 letters
 bool isValidCallsign(std::string_view text);
+bool isCallsignInAnyCase(std::string_view text);
 
 // 4, 6 or 8 characters: two letters A-R and two digits, then two letters A-X, then two digits.
 bool isValidGrid(std::string_view text);
+bool isGridInAnyCase(std::string_view text);
 
 }  // namespace spotserver

@@ -26,5 +26,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string copy(word);
   expectAlike("callsign", isValidCallsign(word), reference::isValidCallsign(copy));
   expectAlike("locator", isValidGrid(word), reference::isValidGrid(copy));
+  const std::string upper = reference::upper(copy);
+  expectAlike("callsign in any case", isCallsignInAnyCase(word), reference::isValidCallsign(upper));
+  expectAlike("locator in any case", isGridInAnyCase(word), reference::isValidGrid(upper));
   return 0;
 }

@@ -72,6 +72,25 @@ TEST(Callsign, KnowsUpperCaseAsciiOnly) {
   for (const auto& c : cases) EXPECT_EQ(isValidCallsign(c.text), c.valid) << PrintToString(c.text);
 }
 
+TEST(Callsign, AnyCaseWillDoWhereItMay) {
+  const Case cases[] = {
+      {"n0call", true},     {"N0cALL", true},      {"pa/N0CALL/p", true}, {"123abc", false},
+      {"n0call@", false},   {"n0call`", false},    {"n0call{", false},    {"<n0call>", false},
+      {"n0c\xE4ll", false}, {"n0call\0"sv, false},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(isCallsignInAnyCase(c.text), c.valid) << PrintToString(c.text);
+  }
+}
+
+TEST(Grid, AnyCaseWillDoWhereItMay) {
+  const Case cases[] = {
+      {"fn42", true},  {"Fn42aB12", true}, {"fs42", false}, {"fn42ay", false},
+      {"`n42", false}, {"f{42", false},    {"FN4a", false}, {"FN42a", false},
+  };
+  for (const auto& c : cases) EXPECT_EQ(isGridInAnyCase(c.text), c.valid) << c.text;
+}
+
 TEST(Grid, HasFourSixOrEightCharacters) {
   const Case cases[] = {
       {"FN42", true},       {"FN42AB", true},      {"FN42AB12", true}, {"", false},
@@ -110,11 +129,15 @@ TEST(Characters, AreAsciiOnly) {
 void expectSameCallsign(const std::string& text) {
   if (testing::Test::HasFailure()) return;
   ASSERT_EQ(isValidCallsign(text), reference::isValidCallsign(text)) << PrintToString(text);
+  ASSERT_EQ(isCallsignInAnyCase(text), reference::isValidCallsign(reference::upper(text)))
+      << PrintToString(text);
 }
 
 void expectSameGrid(const std::string& text) {
   if (testing::Test::HasFailure()) return;
   ASSERT_EQ(isValidGrid(text), reference::isValidGrid(text)) << PrintToString(text);
+  ASSERT_EQ(isGridInAnyCase(text), reference::isValidGrid(reference::upper(text)))
+      << PrintToString(text);
 }
 
 TEST(CallsignReference, AgreesOnEveryShortText) {

@@ -5,7 +5,6 @@
 #include <cmath>
 #include <cstddef>
 #include <limits>
-#include <utility>
 
 #include "spots/callsign.hpp"
 #include "spots/mode.hpp"
@@ -16,26 +15,22 @@ namespace {
 constexpr double kHighest32Bit = std::numeric_limits<std::uint32_t>::max();
 constexpr unsigned kHighestWsprPower = 60;  // dBm
 
+// Views into the message, in whatever case it has.
 struct Station {
-  std::string callsign;
-  std::string grid;  // may be empty
+  std::string_view callsign;
+  std::string_view grid;  // may be empty
 };
 
-// One word in upper case, without an allocation. Nothing that counts is longer than a callsign of
-// 32 characters, so a longer word keeps its first 33 and matches nothing.
-class UpperWord {
- public:
-  UpperWord() = default;
-  explicit UpperWord(std::string_view word) : size_(std::min(word.size(), text_.size())) {
-    std::transform(word.begin(), word.begin() + static_cast<std::ptrdiff_t>(size_), text_.begin(),
-                   toUpper);
-  }
-  std::string_view view() const { return {text_.data(), size_}; }
-
- private:
-  std::array<char, 33> text_{};
-  std::size_t size_ = 0;
-};
+// takeWord, where it can be compiled into the loop that calls it.
+inline std::string_view nextWord(std::string_view& rest) {
+  const char* begin = rest.data();
+  const char* const end = begin + rest.size();
+  while (begin != end && isBlank(*begin)) ++begin;
+  const char* behind = begin;
+  while (behind != end && !isBlank(*behind)) ++behind;
+  rest = {behind, end};
+  return {begin, behind};
+}
 
 bool allDigits(std::string_view word) { return std::all_of(word.begin(), word.end(), isDigit); }
 
@@ -48,30 +43,46 @@ std::string_view withoutBrackets(std::string_view word) {
 }
 
 // `upper` holds no lower case.
-std::size_t findIgnoringCase(std::string_view text, std::string_view upper) {
+bool isIgnoringCase(std::string_view text, std::string_view upper) {
+  if (text.size() != upper.size()) return false;
+  for (std::size_t i = 0; i < upper.size(); ++i) {
+    if (toUpper(text[i]) != upper[i]) return false;
+  }
+  return true;
+}
+
+bool containsIgnoringCase(std::string_view text, std::string_view upper) {
   const auto same = [](char c, char wanted) { return toUpper(c) == wanted; };
-  const auto found = std::search(text.begin(), text.end(), upper.begin(), upper.end(), same);
-  return found == text.end() ? std::string_view::npos
-                             : static_cast<std::size_t>(found - text.begin());
+  return std::search(text.begin(), text.end(), upper.begin(), upper.end(), same) != text.end();
+}
+
+std::string upperCase(std::string_view text) {
+  std::string upper(text);
+  for (char& c : upper) c = toUpper(c);
+  return upper;
 }
 
 // FT8 and FT4 ------------------------------------------------------------------------------------
+// Letters count in either case throughout.
 
 bool isCallingWord(std::string_view word) {
-  return word == "CQ" || word == "QRZ" || word == "DE" || word == "CQDX";
+  return isIgnoringCase(word, "CQ") || isIgnoringCase(word, "QRZ") || isIgnoringCase(word, "DE") ||
+         isIgnoringCase(word, "CQDX");
 }
 
 // modifier = 1 to 4 letters | 3 digits
 bool isCqModifier(std::string_view word) {
   if (word.empty() || word.size() > 4) return false;
-  return std::all_of(word.begin(), word.end(), isUpper) || (word.size() == 3 && allDigits(word));
+  const auto isLetter = [](char c) { return isUpper(toUpper(c)); };
+  return std::all_of(word.begin(), word.end(), isLetter) || (word.size() == 3 && allDigits(word));
 }
 
+// `word` is not empty.
 // report = ["R"] ("+" | "-") digit digit | "RRR" | "RR73" | "73" | 6 digits
 bool isReport(std::string_view word) {
-  if (word == "RRR" || word == "RR73" || word == "73") return true;
+  if (word == "73" || isIgnoringCase(word, "RR73") || isIgnoringCase(word, "RRR")) return true;
   if (word.size() == 6 && allDigits(word)) return true;
-  if (word.starts_with('R')) word.remove_prefix(1);
+  if (toUpper(word.front()) == 'R') word.remove_prefix(1);
   return word.size() == 3 && (word[0] == '+' || word[0] == '-') && allDigits(word.substr(1));
 }
 
@@ -80,25 +91,25 @@ bool isReport(std::string_view word) {
 std::optional<std::string_view> partThatCounts(std::string_view message) {
   const auto cut = message.find("; ");
   if (cut == std::string_view::npos) return message;
-  const bool ends_contact = findIgnoringCase(message.substr(0, 4), "TU; ") == 0 ||
-                            findIgnoringCase(message, " RR73; ") != std::string_view::npos;
+  const bool ends_contact =
+      isIgnoringCase(message.substr(0, 4), "TU; ") || containsIgnoringCase(message, " RR73; ");
   if (!ends_contact) return std::nullopt;
   return message.substr(cut + 2);
 }
 
+constexpr std::size_t kMostWords = 5;
+
 struct Words {
-  std::array<std::string_view, 5> at;  // without angle brackets; empty beyond `count`
-  std::size_t count = 0;
+  std::array<std::string_view, kMostWords> at;  // without angle brackets; empty beyond `count`
+  std::size_t count = 0;                        // kMostWords + 1: more than that
 };
 
-// 2 to 5 words, else empty.
-std::optional<Words> splitWords(std::string_view text) {
+Words splitWords(std::string_view text) {
   Words words;
-  for (auto word = takeWord(text); !word.empty(); word = takeWord(text)) {
-    if (words.count == words.at.size()) return std::nullopt;
-    words.at[words.count++] = withoutBrackets(word);
+  for (auto word = nextWord(text); !word.empty(); word = nextWord(text)) {
+    if (++words.count > kMostWords) break;
+    words.at[words.count - 1] = withoutBrackets(word);
   }
-  if (words.count < 2) return std::nullopt;
   return words;
 }
 
@@ -108,31 +119,23 @@ std::optional<Words> splitWords(std::string_view text) {
 std::optional<Station> ftStation(std::string_view message) {
   const auto part = partThatCounts(message);
   if (!part) return std::nullopt;
-  const auto words = splitWords(*part);
-  if (!words) return std::nullopt;
-  const auto upperWord = [&words](std::size_t i) { return UpperWord(words->at[i]); };
+  const auto [word, count] = splitWords(*part);
+  if (count < 2 || count > kMostWords) return std::nullopt;
 
-  const UpperWord first = upperWord(0);
-  const bool calling = isCallingWord(first.view());
-  if (!calling && first.view() != "..." && !isValidCallsign(first.view())) return std::nullopt;
-
-  std::size_t sender = 1;
-  UpperWord callsign = upperWord(sender);
-  if (calling && isCqModifier(callsign.view())) callsign = upperWord(++sender);
-  if (!isValidCallsign(callsign.view())) return std::nullopt;
+  const bool calling = isCallingWord(word[0]);
+  if (!calling && word[0] != "..." && !isCallsignInAnyCase(word[0])) return std::nullopt;
+  const std::size_t sender = calling && isCqModifier(word[1]) ? 2 : 1;
+  if (!isCallsignInAnyCase(word[sender])) return std::nullopt;
 
   std::size_t tail = sender + 1;
-  if (calling && tail == words->count) return Station{std::string(callsign.view()), ""};
-  if (!calling && tail + 1 < words->count && upperWord(tail).view() == "R") ++tail;
-  if (tail + 1 != words->count) return std::nullopt;
+  if (calling && tail == count) return Station{word[sender], ""};
+  if (!calling && tail + 1 < count && isIgnoringCase(word[tail], "R")) ++tail;
+  if (tail + 1 != count) return std::nullopt;
 
-  const UpperWord last = upperWord(tail);
   // "RR73" has the shape of a locator but closes a contact.
-  if (last.view() != "RR73" && isValidGrid(last.view())) {
-    return Station{std::string(callsign.view()), std::string(last.view())};
-  }
-  if (!isReport(last.view())) return std::nullopt;
-  return Station{std::string(callsign.view()), ""};
+  if (isReport(word[tail])) return Station{word[sender], ""};
+  if (isGridInAnyCase(word[tail])) return Station{word[sender], word[tail]};
+  return std::nullopt;
 }
 
 // JS8 --------------------------------------------------------------------------------------------
@@ -158,11 +161,9 @@ std::optional<Station> js8Station(std::string_view message) {
   const auto locator = takeValue(rest, "grid=");
   if (!locator || !takeWord(rest).empty()) return std::nullopt;
 
-  const UpperWord callsign(*sender);
-  const UpperWord grid(*locator);
-  if (!isValidCallsign(callsign.view())) return std::nullopt;
-  if (!grid.view().empty() && !isValidGrid(grid.view())) return std::nullopt;
-  return Station{std::string(callsign.view()), std::string(grid.view())};
+  if (!isCallsignInAnyCase(*sender)) return std::nullopt;
+  if (!locator->empty() && !isGridInAnyCase(*locator)) return std::nullopt;
+  return Station{*sender, *locator};
 }
 
 // WSPR -------------------------------------------------------------------------------------------
@@ -191,7 +192,7 @@ std::optional<Station> wsprStation(std::string_view message) {
 
   const auto callsign = withoutBrackets(first);
   if (!isValidCallsign(callsign) || !isWsprPower(located ? third : second)) return std::nullopt;
-  return Station{std::string(callsign), std::string(located ? second : "")};
+  return Station{callsign, located ? second : ""};
 }
 
 // ------------------------------------------------------------------------------------------------
@@ -219,31 +220,34 @@ std::string_view spotMode(int mode) {
   return modeName(any_js8 ? kJs8 : mode);
 }
 
+// Written so that a NaN fails.
+bool fitsSpot(double frequency, double time) {
+  return frequency >= 1 && frequency <= kHighest32Bit && time >= 0 && time <= kHighest32Bit;
+}
+
 }  // namespace
 
-std::string_view takeWord(std::string_view& rest) {
-  const auto begin = std::find_if_not(rest.begin(), rest.end(), isBlank);
-  const auto end = std::find_if(begin, rest.end(), isBlank);
-  const std::string_view word(begin, end);
-  rest = std::string_view(end, rest.end());
-  return word;
-}
+std::string_view takeWord(std::string_view& rest) { return nextWord(rest); }
 
 std::optional<Sender> extractSender(int mode, std::string_view message, double dial_hz,
                                     std::int32_t audio_offset_hz, double time, std::int32_t snr) {
-  // Written so that a NaN fails.
   const double frequency = dial_hz + audio_offset_hz;
-  if (!(frequency >= 1 && frequency <= kHighest32Bit)) return std::nullopt;
-  if (!(time >= 0 && time <= kHighest32Bit)) return std::nullopt;
-
-  auto station = stationOf(mode, message);
+  if (!fitsSpot(frequency, time)) return std::nullopt;
+  const auto station = stationOf(mode, message);
   if (!station) return std::nullopt;
-  return Sender{std::move(station->callsign),
-                std::move(station->grid),
+  return Sender{upperCase(station->callsign),
+                upperCase(station->grid),
                 static_cast<std::uint32_t>(std::round(frequency)),
                 static_cast<std::uint32_t>(time),
                 snr,
                 std::string(spotMode(mode))};
+}
+
+std::string senderCallsign(int mode, std::string_view message, double dial_hz,
+                           std::int32_t audio_offset_hz, double time) {
+  if (!fitsSpot(dial_hz + audio_offset_hz, time)) return {};
+  const auto station = stationOf(mode, message);
+  return station ? upperCase(station->callsign) : std::string();
 }
 
 }  // namespace spotserver

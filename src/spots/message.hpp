@@ -35,6 +35,12 @@ struct Sender {
 std::optional<Sender> extractSender(int mode, std::string_view message, double dial_hz,
                                     std::int32_t audio_offset_hz, double time, std::int32_t snr);
 
+// The callsign that extractSender finds, empty where it finds nobody: what a log line is read for.
+//   senderCallsign(kFt8, "CQ N0CALL FN42", 14'074'000, 1234, 1'741'947'330)  // "N0CALL"
+// Cost: as extractSender, without the texts of a whole record.
+std::string senderCallsign(int mode, std::string_view message, double dial_hz,
+                           std::int32_t audio_offset_hz, double time);
+
 // Takes the first word off `rest`: what isBlank is skipped, the word returned, and `rest` begins
 // right behind it. Empty, with `rest` used up, when only blanks were left.
 //   std::string_view rest = "  CQ N0CALL";

@@ -24,5 +24,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                  reference::describe(found).c_str(), reference::describe(plain).c_str());
     std::abort();
   }
+  const auto callsign = senderCallsign(mode, message, 14'074'000, 1234, 1'741'947'330);
+  if (callsign != (plain ? plain->callsign : "")) {
+    std::fprintf(stderr, "mode %d: callsign %s, plain form %s\n", mode, callsign.c_str(),
+                 reference::describe(plain).c_str());
+    std::abort();
+  }
   return 0;
 }

@@ -370,6 +370,10 @@ TEST(Sender, RangesHoldInEveryMode) {
     EXPECT_FALSE(extractSender(c.mode, c.message, 0, 0, kTime, 0)) << c.message;
     EXPECT_FALSE(extractSender(c.mode, c.message, 0, -5, kTime, 0)) << c.message;
     EXPECT_FALSE(extractSender(c.mode, c.message, kDial, 0, -1, 0)) << c.message;
+    EXPECT_EQ(senderCallsign(c.mode, c.message, kDial, 0, kTime), "N0CALL") << c.message;
+    EXPECT_EQ(senderCallsign(c.mode, c.message, 0, 0, kTime), "") << c.message;
+    EXPECT_EQ(senderCallsign(c.mode, c.message, 5, -5, kTime), "") << c.message;
+    EXPECT_EQ(senderCallsign(c.mode, c.message, kDial, 0, -1), "") << c.message;
   }
 }
 
@@ -398,6 +402,8 @@ void expectSameSender(int mode, const std::string& message) {
   ASSERT_TRUE(reference::same(found, plain))
       << modeName(mode) << " " << PrintToString(message) << "\n  found "
       << reference::describe(found) << "\n  plain " << reference::describe(plain);
+  ASSERT_EQ(senderCallsign(mode, message, kDial, 1234, kTime), plain ? plain->callsign : "")
+      << modeName(mode) << " " << PrintToString(message);
 }
 
 using Words = std::vector<std::string>;
