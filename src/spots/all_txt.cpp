@@ -27,8 +27,6 @@ namespace spotserver {
 namespace {
 
 constexpr double kHzPerMhz = 1'000'000;
-constexpr std::ptrdiff_t kExactDigits =
-    15;                                     // a decimal number of so many is a double without error
 constexpr std::size_t kTimestampSize = 13;  // YYMMDD_HHMMSS
 
 // What a line says. Of the signal and the time offset it only matters that they are there.
@@ -44,7 +42,9 @@ struct Fields {
 
 static_assert(FLT_EVAL_METHOD == 0, "A quotient of two doubles must be rounded once");
 
-// Powers of ten that a double holds exactly.
+constexpr std::ptrdiff_t kExactDigits = 15;  // every number of so many is a double
+
+// Powers of ten, doubles without an error too.
 constexpr double kPowerOfTen[] = {1,   1e1, 1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
                                   1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
 
