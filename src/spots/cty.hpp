@@ -94,7 +94,7 @@ class Database {
 
   // Reads the file when none was read yet, when `path` is another than the last time, or when the
   // file's write time is. A good file replaces the countries as a whole. Otherwise they stay:
-  //  - missing, unreadable, no regular file, or over 16 MiB: asked again at the next call;
+  //  - missing, unreadable, no regular file, or over 4 MiB: asked again at the next call;
   //  - malformed: not parsed again until path or write time differ.
   // Never blocks, whatever lies at the path. Cost when nothing changed: three system calls.
   void reloadIfChanged(const std::string& path) noexcept;

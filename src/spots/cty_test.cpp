@@ -665,8 +665,8 @@ TEST(ReloadIfChanged, WhateverTakesTheFilesPlaceTheCountriesStay) {
   EXPECT_EQ(inUse(database), "back");
 }
 
-TEST(ReloadIfChanged, ReadsSixteenMebibytesButNotOneByteMore) {
-  constexpr std::size_t kLimit = 16 * 1024 * 1024;
+TEST(ReloadIfChanged, ReadsFourMebibytesButNotOneByteMore) {
+  constexpr std::size_t kLimit = 4 * 1024 * 1024;
   CountryFile file;
   Database database;
   file.put("small", {1000, 0});
