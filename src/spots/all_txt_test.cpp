@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "failing_memory.hpp"
 #include "spots/all_txt_reference.hpp"
 #include "spots/message_reference.hpp"
 #include "spots/mode.hpp"
@@ -68,6 +69,23 @@ TEST(AllTxtLine, YieldsTimeFrequencyModeAndSender) {
   EXPECT_EQ(record->frequency, 14.074 * 1e6);
   EXPECT_EQ(record->mode, kFt8);
   EXPECT_EQ(record->callsign, "N0CALL");
+}
+
+TEST(AllTxtLine, AllocatesNothing) {
+  const std::string lines[] = {
+      "250314_101530    14.074 Rx FT8    -12  0.2 1234 CQ N0CALL FN42",
+      "250314_101530    14.074 Rx FT4      3 -0.2 1234 <PA/N0CALL> EA8/N0CALL RR73",
+      "250314_101530    14.078 Rx JS8-TURBO    -12  0.2 1234 HB [frame=1 flags=0 sender=n0call "
+      "grid=-]",
+      "250314_101530    14.0956 Rx WSPR    -25  0.2 1501 <EA8/N0CALL> FN42AB 30 [drift=-1]",
+      "250314_101530\t+14.074 Rx FT8 +1.5 1e-1234 CQ N0CALL FN42",
+      "250230_101530    14.074 Rx FT8    -12  0.2 1234 CQ N0CALL FN42",
+  };
+  for (const auto& line : lines) {
+    const FailingMemory none(0);
+    parseAllTxtLine(line);
+    EXPECT_FALSE(none.failed()) << line;
+  }
 }
 
 TEST(AllTxtLine, OnlyReceivedLinesCount) {
