@@ -1,7 +1,8 @@
 # spot_layer(<library> <folder>/<name>...) makes one static library from the stems given, a test
 # program <name>_test for every stem that has one, and a fuzz target <name>_fuzz for every stem
 # that has one: with libFuzzer when SPOT_FUZZ is on, otherwise as a program that replays the
-# committed corpus, which ctest runs.
+# committed corpus, which ctest runs. With SPOT_BENCH, a benchmark <name>_bench for every stem that
+# has one; the sample station supplies what it works on.
 function(spot_layer library)
   set(sources "")
   foreach(stem ${ARGN})
@@ -29,6 +30,12 @@ function(spot_layer library)
     endif()
     if(BUILD_TESTING AND EXISTS ${path}_fuzz.cpp)
       spot_fuzz_target(${library} ${name} ${path}_fuzz.cpp)
+    endif()
+    if(SPOT_BENCH AND EXISTS ${path}_bench.cpp)
+      add_executable(${name}_bench ${path}_bench.cpp)
+      target_link_libraries(${name}_bench PRIVATE ${library} station benchmark::benchmark_main)
+      target_include_directories(${name}_bench PRIVATE
+        ${CMAKE_SOURCE_DIR}/bench ${CMAKE_SOURCE_DIR}/tests)
     endif()
   endforeach()
 endfunction()

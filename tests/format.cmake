@@ -15,7 +15,8 @@ if(NOT version MATCHES "version 14\\.")
 endif()
 
 file(GLOB_RECURSE sources
-  ${SOURCE_DIR}/src/*.?pp ${SOURCE_DIR}/tests/*.?pp ${SOURCE_DIR}/tools/*.?pp)
+  ${SOURCE_DIR}/src/*.?pp ${SOURCE_DIR}/tests/*.?pp ${SOURCE_DIR}/tools/*.?pp
+  ${SOURCE_DIR}/bench/*.?pp)
 list(LENGTH sources count)
 if(count EQUAL 0)
   message(FATAL_ERROR "No sources below ${SOURCE_DIR}")

@@ -1,0 +1,72 @@
+// One line of the log, by the parser and by stream extraction.
+#include <string>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+
+#include "allocations.hpp"
+#include "sample_log.hpp"
+#include "spots/all_txt.hpp"
+#include "spots/all_txt_reference.hpp"
+
+namespace {
+
+using namespace spotserver;
+
+const std::vector<std::string>& sampleLines() {
+  static const std::vector<std::string> lines = [] {
+    const std::string log = sampleLog(20'000);
+    const auto views = linesOf(log);
+    return std::vector<std::string>(views.begin(), views.end());
+  }();
+  return lines;
+}
+
+// Calls `parse` for every line; counts lines a second and allocations a line.
+template <typename Parse>
+void forEveryLine(benchmark::State& state, Parse parse) {
+  const auto& lines = sampleLines();
+  const auto before = allocations();
+  for (auto _ : state) {
+    for (const auto& line : lines) benchmark::DoNotOptimize(parse(line));
+  }
+  const auto count = state.iterations() * static_cast<std::int64_t>(lines.size());
+  state.SetItemsProcessed(count);
+  state.counters["allocations"] =
+      static_cast<double>(allocations() - before) / static_cast<double>(count);
+}
+
+void parseLine(benchmark::State& state) {
+  forEveryLine(state, [](const std::string& line) { return parseAllTxtLine(line); });
+}
+BENCHMARK(parseLine)->Unit(benchmark::kMillisecond);
+
+void parseLineAsStream(benchmark::State& state) {
+  forEveryLine(state, [](const std::string& line) { return reference::parseAllTxtLine(line); });
+}
+BENCHMARK(parseLineAsStream)->Unit(benchmark::kMillisecond);
+
+// The seven fields alone: the message is cut off.
+void parseFields(benchmark::State& state) {
+  forEveryLine(state, [](const std::string& line) {
+    constexpr std::size_t kMessage = 48;  // begins there in a line of a mode of three letters
+    return parseAllTxtLine(std::string_view(line).substr(0, kMessage));
+  });
+}
+BENCHMARK(parseFields)->Unit(benchmark::kMillisecond);
+
+void parseTime(benchmark::State& state) {
+  forEveryLine(state, [](const std::string& line) {
+    return parseAllTxtTime(std::string_view(line).substr(0, 13));
+  });
+}
+BENCHMARK(parseTime)->Unit(benchmark::kMillisecond);
+
+void parseTimeByCLibrary(benchmark::State& state) {
+  forEveryLine(state, [](const std::string& line) {
+    return reference::parseAllTxtTime(line.substr(0, 13));
+  });
+}
+BENCHMARK(parseTimeByCLibrary)->Unit(benchmark::kMillisecond);
+
+}  // namespace
