@@ -419,7 +419,8 @@ void readLines(const RegularFile& log, std::uint64_t offset, Start& start) {
     const char* search = at + kept;
     while (const auto* newline = static_cast<const char*>(
                std::memchr(search, '\n', static_cast<std::size_t>(end - search)))) {
-      if (!skip) start.take({at, newline});
+      const std::string_view line(at, newline);
+      if (!skip && line.size() <= kMaxLogLine) start.take(line);
       skip = false;
       at = search = newline + 1;
     }

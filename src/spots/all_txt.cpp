@@ -15,6 +15,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <system_error>
 
 #include <locale.h>
@@ -57,17 +58,16 @@ constexpr double kPowerOfTen[] = {1,   1e1, 1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
 // read twice as fast.
 class UsualLine {
  public:
-  explicit UsualLine(std::string_view line) : at_(line.data()), end_(at_ + line.size()) {}
+  UsualLine(std::string_view line, LineHead& last)
+      : at_(line.data()), end_(at_ + line.size()), last_(last) {}
 
   std::optional<Fields> read() {
     Fields fields;
     std::int32_t snr = 0;
     double time_offset = 0;
-    const bool usual = readTime(fields.time) && skipGap() &&                                   //
-                       readUnsigned(fields.dial_mhz) && skipGap() && skipRx() && skipGap() &&  //
-                       readMode(fields.mode) && skipGap() &&                                   //
-                       readInteger(snr) && skipGap() &&                                        //
-                       readDecimal(time_offset) && skipGap() &&                                //
+    const bool usual = (repeatsHead(fields) || readHead(fields)) && skipGap() &&  //
+                       readInteger(snr) && skipGap() &&                           //
+                       readDecimal(time_offset) && skipGap() &&                   //
                        readInteger(fields.audio_offset);
     if (!usual) return std::nullopt;
     fields.rest = {at_, end_};
@@ -88,6 +88,35 @@ class UsualLine {
     return true;
   }
   bool skipRx() { return take('R') && take('x'); }
+
+  // Whether the line begins as the last one did, with the mode ending at the same place.
+  bool repeatsHead(Fields& fields) {
+    const auto size = last_.size;
+    if (size == 0 || left() <= size || at_[size] != ' ') return false;
+    if (std::memcmp(at_, last_.text.data(), size) != 0) return false;
+    fields.time = last_.time;
+    fields.dial_mhz = last_.dial_mhz;
+    fields.mode = last_.mode;
+    at_ += size;
+    return true;
+  }
+
+  bool readHead(Fields& fields) {
+    const char* const begin = at_;
+    const bool usual = readTime(fields.time) && skipGap() &&          //
+                       readUnsigned(fields.dial_mhz) && skipGap() &&  //
+                       skipRx() && skipGap() && readMode(fields.mode);
+    if (usual) rememberHead({begin, at_}, fields);
+    return usual;
+  }
+
+  void rememberHead(std::string_view head, const Fields& fields) {
+    if (head.size() > last_.text.size()) return;
+    last_.size = head.copy(last_.text.data(), head.size());
+    last_.time = fields.time;
+    last_.dial_mhz = fields.dial_mhz;
+    last_.mode = fields.mode;
+  }
 
   bool readTime(double& time) {
     if (left() < kTimestampSize) return false;
@@ -146,6 +175,7 @@ class UsualLine {
 
   const char* at_;
   const char* end_;
+  LineHead& last_;
 };
 
 // Any line ---------------------------------------------------------------------------------------
@@ -275,7 +305,12 @@ std::optional<int> daysSince1970(unsigned year, unsigned month, unsigned day) {
 }  // namespace
 
 std::optional<AllTxtRecord> parseAllTxtLine(std::string_view line) {
-  auto fields = UsualLine(line).read();
+  LineHead none;
+  return parseAllTxtLine(line, none);
+}
+
+std::optional<AllTxtRecord> parseAllTxtLine(std::string_view line, LineHead& last) {
+  auto fields = UsualLine(line, last).read();
   if (!fields) fields = readAnyLine(line);
   if (!fields) return std::nullopt;
 

@@ -11,6 +11,8 @@
 // with the number 0. Any character beyond ASCII is part of a token.
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -35,6 +37,22 @@ struct AllTxtRecord {
 // second pass over any other. Callsigns of up to 15 characters allocate nothing, and only a decimal
 // number out of range is copied.
 std::optional<AllTxtRecord> parseAllTxtLine(std::string_view line);
+
+// How the line read last began: time, frequency, direction and mode. The lines of one slot of a
+// receiver all begin alike, and what is known need not be read again. A plain value that belongs to
+// whoever reads a log; a fresh one is never wrong.
+struct LineHead {
+  std::array<char, 48> text{};  // as it was written, up to the end of the mode
+  std::size_t size = 0;         // of it; 0: nothing is known
+  double time = 0;
+  double dial_mhz = 0;
+  int mode = 0;
+};
+
+// The same record, for one line after the other; a fifth faster on the lines of a busy slot.
+//   LineHead last;
+//   readLogLines(log, position, [&](std::string_view line) { take(parseAllTxtLine(line, last)); });
+std::optional<AllTxtRecord> parseAllTxtLine(std::string_view line, LineHead& last);
 
 // UTC epoch seconds of "YYMMDD_HHMMSS", which is exactly 13 characters and means the years 2000 to
 // 2099.

@@ -41,6 +41,12 @@ void parseLine(benchmark::State& state) {
 }
 BENCHMARK(parseLine)->Unit(benchmark::kMillisecond);
 
+void parseLineAfterLine(benchmark::State& state) {
+  LineHead last;
+  forEveryLine(state, [&last](const std::string& line) { return parseAllTxtLine(line, last); });
+}
+BENCHMARK(parseLineAfterLine)->Unit(benchmark::kMillisecond);
+
 void parseLineAsStream(benchmark::State& state) {
   forEveryLine(state, [](const std::string& line) { return reference::parseAllTxtLine(line); });
 }
