@@ -162,7 +162,7 @@ struct Interval {
 // Decodes by time, frequency and mode.
 class Intervals {
  public:
-  static constexpr std::size_t kNone = -1;
+  static constexpr std::size_t kNone = SIZE_MAX;
 
   // Position of the interval; the one asked for last is found at once.
   std::size_t find(double time, double frequency, int mode) {
