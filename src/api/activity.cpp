@@ -86,16 +86,6 @@ WindowCounts countHistory(const std::deque<Interval>& intervals, double window_s
   return window;
 }
 
-std::uint64_t heardSince(const LastHeard& last_heard, double since) {
-  const auto is_recent = [since](const auto& heard) { return heard.second >= since; };
-  return static_cast<std::uint64_t>(std::count_if(last_heard.begin(), last_heard.end(), is_recent));
-}
-
-std::uint64_t heardOnBandSince(const SpotData& data, std::string_view band, double since) {
-  const auto found = data.last_heard_by_band.find(band);
-  return found == data.last_heard_by_band.end() ? 0 : heardSince(found->second, since);
-}
-
 std::string colorOf(std::string_view band) {
   const int order = launcher::bandOrder(band);
   if (order == launcher::kOffPlanOrder) return std::string(launcher::kOffPlanColor);
@@ -114,7 +104,7 @@ void addBands(ActivitySnapshot& snapshot, const SpotData& data, const BandRateIn
   const double now = snapshot.generated;
   snapshot.window_spots = window.total.spots;
   snapshot.window_intervals = window.total.intervals;
-  snapshot.window_unique_callsigns = heardSince(data.last_heard, window_start);
+  snapshot.window_unique_callsigns = heardSince(data, window_start);
   for (const auto& [id, counts] : window.by_band) {
     snapshot.bands.push_back(
         {.id = id,

@@ -98,7 +98,7 @@ void generateDemoSpots(SpotData& data, double now) {
   for (const auto& channel : demoChannels()) addChannel(data, spots, channel, now, callsigns, draw);
   std::stable_sort(spots.begin(), spots.end(),
                    [](const auto& a, const auto& b) { return a.time < b.time; });
-  for (auto& spot : spots) data.spots.append(std::move(spot));
+  for (const auto& spot : spots) data.spots.append(spot);
 }
 
 void generateDemoSpots(SpotStore& store, double now) {

@@ -54,11 +54,11 @@ void refreshHistory(SpotData& data, double now, const std::stop_token& stop) {
   readHistoryWindow(data, from, now, stop);
 }
 
-void holdSpot(SpotData& data, ParsedSpot spot, double now) {
+void holdSpot(SpotData& data, const ParsedSpot& spot, double now) {
   if (spot.time > now + kRetention) {
     data.left_out_from = std::min(data.left_out_from, spot.time);
   } else {
-    data.spots.append(std::move(spot));
+    data.spots.append(spot);
   }
 }
 

@@ -22,6 +22,11 @@ void prune(LastHeard& heard, double cutoff) {
   std::erase_if(heard, [cutoff](const auto& entry) { return entry.second < cutoff; });
 }
 
+std::uint64_t countSince(const LastHeard& heard, double since) {
+  const auto is_recent = [since](const auto& entry) { return entry.second >= since; };
+  return static_cast<std::uint64_t>(std::count_if(heard.begin(), heard.end(), is_recent));
+}
+
 }  // namespace
 
 void recordCallsign(SpotData& data, std::string_view callsign, std::string_view band, double time) {
@@ -36,6 +41,15 @@ void recordCallsign(SpotData& data, std::string_view callsign, std::string_view 
 bool isCounted(const cty::Database& countries, std::string_view callsign) {
   if (!countries.loaded() || callsign.starts_with('<')) return true;
   return callsign.size() <= kLongestCallsign && resolveCountry(countries, callsign).has_value();
+}
+
+std::uint64_t heardSince(const SpotData& data, double since) {
+  return countSince(data.last_heard, since);
+}
+
+std::uint64_t heardOnBandSince(const SpotData& data, std::string_view band, double since) {
+  const auto found = data.last_heard_by_band.find(band);
+  return found == data.last_heard_by_band.end() ? 0 : countSince(found->second, since);
 }
 
 void pruneSpots(SpotData& data, double now) {

@@ -65,6 +65,12 @@ void recordCallsign(SpotData& data, std::string_view callsign, std::string_view 
 //   isCounted(countries, "QQ0QQ")   // false: no entity covers it
 bool isCounted(const cty::Database& countries, std::string_view callsign);
 
+// Callsigns that were last heard at `since` (UTC epoch seconds) or later, on any band or on the one
+// with this id. Asked about times within the retention the answer does not depend on when callsigns
+// were pruned. Cost: one look at the time of each callsign.
+std::uint64_t heardSince(const SpotData& data, double since);
+std::uint64_t heardOnBandSince(const SpotData& data, std::string_view band, double since);
+
 // Drops everything older than now - kRetention: spots, intervals, callsigns last heard before that,
 // and the rate index's minutes before the one it lies in. What is dated exactly then stays.
 // Throws nothing. Cost: what is dropped, and one look at every callsign.

@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "failing_memory.hpp"
 #include "spots/spot_queue_reference.hpp"
 
 namespace spotserver {
@@ -116,6 +117,92 @@ TEST(SpotQueue, TimeThatIsNoNumberIsNotKeptAndPrunesNothing) {
   EXPECT_EQ(queue.size(), 1u);
   queue.pruneBefore(kNaN);
   EXPECT_THAT(callsignsBetween(queue, -kEver, kEver), ElementsAre("a"));
+}
+
+TEST(SpotQueue, SpotsOfOneTimeFrequencyAndModeAreOneInterval) {
+  SpotQueue queue;
+  const struct {
+    double time, frequency;
+    int mode;
+    const char* band;
+  } spots[] = {{130, 7e6, 0, "40m"},  {15, 14e6, 1, "20m"}, {15, 14e6, 0, "20m"},
+               {30, 14e6, 0, "20m"},  {15, 14e6, 0, "20m"}, {15, 0.0, 0, "zero"},
+               {15, -0.0, 0, "-zero"}};
+  for (const auto& s : spots) queue.append({s.time, s.frequency, s.mode, s.band, ""});
+  std::vector<std::string> seen;
+  queue.forEachInterval(-kEver, kEver, [&](double time, std::uint32_t id, std::uint64_t count) {
+    const Channel& channel = queue.channel(id);
+    EXPECT_LT(id, queue.channelIdEnd());
+    seen.push_back(std::to_string(static_cast<int>(time)) + " " + channel.band + " " +
+                   std::to_string(channel.mode) + ": " + std::to_string(count));
+  });
+  EXPECT_THAT(seen, ElementsAre("15 20m 1: 1", "15 20m 0: 2", "30 20m 0: 1", "15 zero 0: 2",
+                                "130 40m 0: 1"));
+}
+
+TEST(SpotQueue, IntervalsAreBoundedLikeSpots) {
+  const SpotQueue queue = queueOf({{99, "a"}, {100, "b"}, {150, "c"}, {200, "d"}, {201, "e"}});
+  EXPECT_THAT(intervalsBetween(queue, 100, 200), ::testing::SizeIs(3));
+  EXPECT_THAT(intervalsBetween(queue, 200, 100), IsEmpty());
+  EXPECT_THAT(intervalsBetween(queue, kNaN, 200), IsEmpty());
+}
+
+TEST(SpotQueue, SendersAndChannelsLeaveWithTheirLastSpot) {
+  SpotQueue queue;
+  for (const double time : {10, 11, 70, 130}) {
+    const std::string name = std::to_string(static_cast<int>(time));
+    queue.append({time, time, 0, name, "N0" + name});
+    queue.append({time, 14e6, 0, "20m", "N0CALL"});
+  }
+  queue.pruneBefore(11);
+  EXPECT_EQ(queue.senders(), 4u);
+  queue.pruneBefore(70);
+  EXPECT_EQ(queue.senders(), 3u);
+  EXPECT_EQ(queue.channels(), 3u);
+  queue.pruneBefore(1000);
+  EXPECT_EQ(queue.senders(), 0u);
+  EXPECT_EQ(queue.channels(), 0u);
+}
+
+TEST(SpotQueue, FullMemoryLeavesWhatWasHeld) {
+  const std::string long_call(40, 'A');
+  SpotQueue before = queueOf({{10, "a"}, {20, "b"}});
+  bool failed = true;
+  for (long n = 0; failed; ++n) {
+    SpotQueue queue = before;
+    try {
+      const FailingMemory memory(n);
+      queue.append(70, 7e6, 0, "a band with a very long name", long_call);
+      failed = false;
+    } catch (const std::bad_alloc&) {
+      ASSERT_EQ(queue.size(), 2u);
+      ASSERT_EQ(queue.senders(), 2u);
+      ASSERT_EQ(queue.channels(), 1u);
+      ASSERT_THAT(callsignsBetween(queue, -kEver, kEver), ElementsAre("a", "b"));
+      ASSERT_THAT(intervalsBetween(queue, -kEver, kEver), ::testing::SizeIs(2));
+      queue.append(70, 7e6, 0, "a band with a very long name", long_call);
+    }
+    ASSERT_THAT(callsignsBetween(queue, -kEver, kEver), ElementsAre("a", "b", long_call));
+    ASSERT_THAT(intervalsBetween(queue, -kEver, kEver), ::testing::SizeIs(3));
+  }
+}
+
+// Would not end within the test's time limit if an arriving spot looked at every interval of its
+// minute.
+TEST(SpotQueue, MinuteOfManyOddFrequenciesInHostileOrderStaysCheap) {
+  SpotQueue queue;
+  for (int round = 0; round < 2; ++round) {
+    for (int i = 0; i < 500'000; ++i) {
+      queue.append(i % 2 == 0 ? 10 : 1000, 1e6 + i, 0, "odd", "N0CALL");
+    }
+  }
+  EXPECT_EQ(queue.channels(), 500'000u);
+  std::size_t intervals = 0;
+  queue.forEachInterval(0, 1000, [&](double, std::uint32_t, std::uint64_t count) {
+    ++intervals;
+    EXPECT_EQ(count, 2u);
+  });
+  EXPECT_EQ(intervals, 500'000u);
 }
 
 TEST(SpotQueue, AgreesWithAFlatListOverRandomScripts) {
