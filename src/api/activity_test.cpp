@@ -13,6 +13,7 @@
 
 #include "api/band_plan.hpp"
 #include "api/rate_index_reference.hpp"
+#include "spots/heard_callsigns_reference.hpp"
 #include "spots/mode.hpp"
 
 namespace spotserver {
@@ -405,7 +406,7 @@ class PlainActivity {
     keepReach();
     feedRates();
     ActivitySnapshot snapshot{.mode = "live", .hours = hours_, .smoothing = smoothing_};
-    snapshot.window_unique_callsigns = callsigns(data_.last_heard);
+    snapshot.window_unique_callsigns = callsigns(lastHeard(data_));
     for (std::size_t i = 0; i < spots_.size(); ++i) {
       if (spots_[i].time < windowStart()) continue;
       BandView& band = viewOf(snapshot, spots_[i].frequency);
@@ -455,12 +456,13 @@ class PlainActivity {
     for (BandView& band : snapshot.bands) {
       if (band.id == info.id) return band;
     }
-    const auto heard = data_.last_heard_by_band.find(info.id);
+    const LastHeardByBand by_band = lastHeardByBand(data_);
+    const auto heard = by_band.find(info.id);
     snapshot.bands.push_back(
         {.id = info.id,
          .color = info.color,
          .rate_now = rates_.rateAt(info.id, smoothing_, now_),
-         .unique_callsigns = heard == data_.last_heard_by_band.end() ? 0 : callsigns(heard->second),
+         .unique_callsigns = heard == by_band.end() ? 0 : callsigns(heard->second),
          .points = rates_.series(info.id, smoothing_, hours_, now_)});
     return snapshot.bands.back();
   }

@@ -89,8 +89,7 @@ void generateDemoSpots(SpotData& data, double now) {
   data.demo = true;
   ++data.generation;
   data.spots.clear();
-  data.last_heard.clear();
-  data.last_heard_by_band.clear();
+  data.heard.clear();
 
   std::mt19937 draw(kSeed);
   const Callsigns callsigns = makeCallsigns(draw);

@@ -14,6 +14,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "spots/heard_callsigns_reference.hpp"
 #include "spots/mode.hpp"
 #include "spots/refresh.hpp"
 #include "temp_dir.hpp"
@@ -125,7 +126,7 @@ TEST(DemoDay, CallsignsArePrefixDigitAndOneToThreeLetters) {
   std::set<char> digits;
   std::set<std::size_t> letters;
   const SpotData data = demoDay();
-  for (const auto& [callsign, heard] : data.last_heard) {
+  for (const auto& [callsign, heard] : lastHeard(data)) {
     const std::size_t digit = callsign.find_first_of("0123456789");
     ASSERT_NE(digit, std::string::npos) << callsign;
     const std::string suffix = callsign.substr(digit + 1);
@@ -138,7 +139,7 @@ TEST(DemoDay, CallsignsArePrefixDigitAndOneToThreeLetters) {
   EXPECT_EQ(prefixes, known);
   EXPECT_THAT(digits, ElementsAre('1', '2', '3', '4', '5', '6', '7', '8', '9'));
   EXPECT_THAT(letters, ElementsAre(1, 2, 3));
-  EXPECT_THAT(data.last_heard, SizeIs(159));  // of the 160, one comes twice
+  EXPECT_THAT(lastHeard(data), SizeIs(159));  // of the 160, one comes twice
 }
 
 TEST(DemoDay, ChannelsKeepToTheirBandModeAndSlots) {
@@ -175,13 +176,13 @@ TEST(DemoDay, ChannelsKeepToTheirBandModeAndSlots) {
 TEST(DemoDay, CallsignsWereLastHeardAtTheirLatestSpot) {
   const SpotData data = demoDay();
   LastHeard all;
-  std::map<std::string, LastHeard, std::less<>> by_band;
+  LastHeardByBand by_band;
   for (const auto& spot : spotsOf(data)) {
     all[spot.callsign] = spot.time;
     by_band[spot.band][spot.callsign] = spot.time;
   }
-  EXPECT_EQ(data.last_heard, all);
-  EXPECT_EQ(data.last_heard_by_band, by_band);
+  EXPECT_EQ(lastHeard(data), all);
+  EXPECT_EQ(lastHeardByBand(data), by_band);
 }
 
 TEST(DemoMean, PeaksAtThePeakHourAndFallsToTheBaseRateTwelveHoursAway) {
@@ -219,8 +220,8 @@ TEST(DemoStore, WhatWasHeldBeforeIsGone) {
   EXPECT_TRUE(data.demo);
   EXPECT_EQ(data.generation, 42u);
   EXPECT_EQ(hashOf(data), hashOf(demoDay()));
-  EXPECT_FALSE(data.last_heard.contains("ZZ9ZZZZ"));
-  EXPECT_FALSE(data.last_heard_by_band.contains("6m"));
+  EXPECT_FALSE(lastHeard(data).contains("ZZ9ZZZZ"));
+  EXPECT_FALSE(lastHeardByBand(data).contains("6m"));
 }
 
 TEST(DemoStore, HistoryIsNotInUseAndThereAreNoIntervals) {

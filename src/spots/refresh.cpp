@@ -1,8 +1,12 @@
 #include "spots/refresh.hpp"
 
 #include <algorithm>
+#include <bit>
 #include <limits>
+#include <string>
+#include <string_view>
 #include <utility>
+#include <vector>
 
 #include "api/band_plan.hpp"
 #include "history/history_window.hpp"
@@ -43,7 +47,10 @@ void forgetSources(SpotData& data) {
 void refreshCountries(SpotData& data) {
   const auto& candidates = data.cty_candidates;
   const auto path = std::find_if(candidates.begin(), candidates.end(), isRegularFile);
-  if (path != candidates.end()) data.countries.reloadIfChanged(*path);
+  if (path == candidates.end()) return;
+  const cty::Countries* before = data.countries.countries();
+  data.countries.reloadIfChanged(*path);
+  if (data.countries.countries() != before) data.heard.forgetVerdicts();
 }
 
 void refreshHistory(SpotData& data, double now, const std::stop_token& stop) {
@@ -54,42 +61,72 @@ void refreshHistory(SpotData& data, double now, const std::stop_token& stop) {
   readHistoryWindow(data, from, now, stop);
 }
 
-void holdSpot(SpotData& data, const ParsedSpot& spot, double now) {
-  if (spot.time > now + kRetention) {
-    data.left_out_from = std::min(data.left_out_from, spot.time);
-  } else {
-    data.spots.append(spot);
-  }
-}
+// Takes lines of the log in. What depends on the dial frequency alone is looked up once for as long
+// as the frequency comes again and again; so it lives no longer than one reading of the log, and
+// nothing is pruned meanwhile.
+class LineTaker {
+ public:
+  LineTaker(SpotData& data, double now) : data_(data), now_(now), dials_(kDials) {}
 
-// Takes one line in. Whatever can fail comes first and may be repeated, the spot and the counts
-// come last: so a line that failed half way can be taken in again and still counts once.
-void consumeLine(SpotData& data, std::string_view line, double now) {
-  if (line.ends_with('\r')) line.remove_suffix(1);
-  auto record = parseAllTxtLine(line);
-  if (!record) return;
-  std::string band = launcher::bandForFrequency(record->frequency).id;
-  if (!isCounted(data.countries, record->callsign)) record->callsign.clear();
-  if (!record->callsign.empty()) recordCallsign(data, record->callsign, band, record->time);
-  if (!data.history_in_use) {
-    holdSpot(data,
-             {.time = record->time,
-              .frequency = record->frequency,
-              .mode = record->mode,
-              .band = std::move(band),
-              .callsign = std::move(record->callsign)},
-             now);
+  // Whatever can fail comes first and may be repeated, the spot and the counts come last: so a line
+  // that failed half way can be taken in again and still counts once.
+  void take(std::string_view line) {
+    if (line.ends_with('\r')) line.remove_suffix(1);
+    const auto record = parseAllTxtLine(line);
+    if (!record) return;
+    if (record->time >= now_ - kRetention) hold(*record);
+    ++data_.accepted_lines;
+    data_.newest_decode = std::max(data_.newest_decode, record->time);
   }
-  ++data.accepted_lines;
-  data.newest_decode = std::max(data.newest_decode, record->time);
-}
+
+ private:
+  static constexpr std::size_t kDials = 256;  // more than a station listens to
+
+  struct Dial {
+    double frequency = std::numeric_limits<double>::quiet_NaN();
+    std::string band;
+    HeardCallsigns::Band* heard = nullptr;  // null: nobody yet
+  };
+
+  void hold(const AllTxtRecord& record) {
+    Dial& dial = dialAt(record.frequency);
+    const bool counted = !record.callsign.empty() && hear(record, dial);
+    if (data_.history_in_use) return;
+    if (record.time > now_ + kRetention) {
+      data_.left_out_from = std::min(data_.left_out_from, record.time);
+    } else {
+      data_.spots.append(record.time, record.frequency, record.mode, dial.band,
+                         counted ? std::string_view(record.callsign) : std::string_view());
+    }
+  }
+
+  bool hear(const AllTxtRecord& record, Dial& dial) {
+    if (dial.heard == nullptr) dial.heard = &data_.heard.band(dial.band);
+    return recordSender(data_, record.callsign, *dial.heard, record.time);
+  }
+
+  Dial& dialAt(double frequency) {
+    const auto bits = std::bit_cast<std::uint64_t>(frequency);
+    Dial& dial = dials_[hashBits(bits) % kDials];
+    if (std::bit_cast<std::uint64_t>(dial.frequency) != bits) {
+      dial = {frequency, launcher::bandForFrequency(frequency).id, nullptr};
+    }
+    return dial;
+  }
+
+  SpotData& data_;
+  const double now_;
+  std::vector<Dial> dials_;  // by frequency; a new one takes the place of another
+};
 
 void readNewLines(SpotData& data, const RegularFile& log, double now, const std::stop_token& stop) {
   if (data.log.offset == 0 && log.size > kReadWhole) {
     data.log = startOfLog(log, findLogStart(log, now - kRetention - kLogMargin));
   }
+  if (data.log.scanned >= log.size) return;
+  LineTaker taker(data, now);
   readLogLines(
-      log, data.log, [&data, now](std::string_view line) { consumeLine(data, line, now); }, stop);
+      log, data.log, [&taker](std::string_view line) { taker.take(line); }, stop);
 }
 
 // Returns whether a line was consumed or the log is another than before.

@@ -16,6 +16,7 @@
 #include "byte_script.hpp"
 #include "log_lines.hpp"
 #include "spots/all_txt.hpp"
+#include "spots/heard_callsigns_reference.hpp"
 #include "spots/log_reader_reference.hpp"
 #include "spots/refresh.hpp"
 #include "temp_dir.hpp"
@@ -198,9 +199,10 @@ class RefreshScript {
     fresh.all_txt_path = log_;
     refreshSpots(fresh, now_, 0);
     if (spotsHeld(fresh, now_ - launcher::kRetention, now_) != found) return "fresh start differs";
-    for (const auto& [callsign, time] : fresh.last_heard) {
-      const auto heard = data_.last_heard.find(callsign);
-      if (heard == data_.last_heard.end()) return "callsign missing: " + callsign;
+    const LastHeard held = lastHeard(data_);
+    for (const auto& [callsign, time] : lastHeard(fresh)) {
+      const auto heard = held.find(callsign);
+      if (heard == held.end()) return "callsign missing: " + callsign;
       if (heard->second < time) return "callsign heard later: " + callsign;
     }
     return "";

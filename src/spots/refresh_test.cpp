@@ -91,8 +91,8 @@ TEST_F(Refresh, LineBecomesASpot) {
   EXPECT_EQ(visits, 1);
   EXPECT_EQ(data.accepted_lines, 1u);
   EXPECT_EQ(data.newest_decode, kNow - 15);
-  EXPECT_THAT(data.last_heard, IsEmpty());
-  EXPECT_THAT(data.last_heard_by_band, IsEmpty());
+  EXPECT_THAT(lastHeard(data), IsEmpty());
+  EXPECT_THAT(lastHeardByBand(data), IsEmpty());
 }
 
 TEST_F(Refresh, NewestDecodeIsTheLatestInWhateverOrder) {
@@ -106,8 +106,8 @@ TEST_F(Refresh, SenderIsRecordedOverallAndOnTheBandOfTheDialFrequency) {
   writeLog(decodeLine(kNow - 30, "CQ N0CALL FN42") + decodeLine(kNow - 15, "CQ N0CALL FN42", "99"));
   refresh();
   EXPECT_THAT(callsigns(data), ElementsAre("N0CALL", "N0CALL"));
-  EXPECT_THAT(data.last_heard, UnorderedElementsAre(Pair("N0CALL", kNow - 15)));
-  EXPECT_THAT(data.last_heard_by_band,
+  EXPECT_THAT(lastHeard(data), UnorderedElementsAre(Pair("N0CALL", kNow - 15)));
+  EXPECT_THAT(lastHeardByBand(data),
               ElementsAre(Pair("20m", UnorderedElementsAre(Pair("N0CALL", kNow - 30))),
                           Pair("99.000000 MHz", UnorderedElementsAre(Pair("N0CALL", kNow - 15)))));
 }
@@ -116,7 +116,7 @@ TEST_F(Refresh, RejectedLinesLeaveNoTrace) {
   writeLog("junk\n\n" + timestamp(kNow) + " 14.074 Tx FT8 -12 0.2 1234 CQ N0CALL FN42\n");
   refresh();
   EXPECT_TRUE(data.spots.empty());
-  EXPECT_THAT(data.last_heard, IsEmpty());
+  EXPECT_THAT(lastHeard(data), IsEmpty());
   EXPECT_EQ(data.accepted_lines, 0u);
   EXPECT_EQ(data.newest_decode, 0);
 }
@@ -191,8 +191,8 @@ TEST_F(Refresh, SenderOfNoCountryIsStoredWithAnEmptyCallsignAndNotCounted) {
   writeLog(heard("N0CALL") + heard("QQ0QQ") + heard("DL1ABC"));
   refresh();
   EXPECT_THAT(callsigns(data), ElementsAre("N0CALL", "", "DL1ABC"));
-  EXPECT_THAT(data.last_heard, UnorderedElementsAre(Key("N0CALL"), Key("DL1ABC")));
-  EXPECT_THAT(data.last_heard_by_band.at("20m"), SizeIs(2));
+  EXPECT_THAT(lastHeard(data), UnorderedElementsAre(Key("N0CALL"), Key("DL1ABC")));
+  EXPECT_THAT(lastHeardByBand(data).at("20m"), SizeIs(2));
   EXPECT_EQ(data.accepted_lines, 3u);
 }
 
@@ -200,7 +200,7 @@ TEST_F(Refresh, WithoutACountryFileEverySenderIsCounted) {
   writeLog(heard("N0CALL") + heard("QQ0QQ"));
   refresh();
   EXPECT_THAT(callsigns(data), ElementsAre("N0CALL", "QQ0QQ"));
-  EXPECT_THAT(data.last_heard, UnorderedElementsAre(Key("N0CALL"), Key("QQ0QQ")));
+  EXPECT_THAT(lastHeard(data), UnorderedElementsAre(Key("N0CALL"), Key("QQ0QQ")));
 }
 
 TEST_F(Refresh, CountryFileIsTheFirstCandidateThatIsARegularFile) {
@@ -272,9 +272,9 @@ TEST_F(Refresh, ReplacedLogEmptiesTheSpotsAndKeepsTheCallsigns) {
   std::filesystem::rename(dir.path("new"), data.all_txt_path);
   refresh();
   EXPECT_THAT(callsigns(data), ElementsAre("N0BBB", "N0CCC"));
-  EXPECT_THAT(data.last_heard, UnorderedElementsAre(Key("N0AAA"), Key("N0BBB"), Key("N0CCC")));
+  EXPECT_THAT(lastHeard(data), UnorderedElementsAre(Key("N0AAA"), Key("N0BBB"), Key("N0CCC")));
   refresh(kNow + 89'100);
-  EXPECT_THAT(data.last_heard, IsEmpty());
+  EXPECT_THAT(lastHeard(data), IsEmpty());
 }
 
 TEST_F(Refresh, LogGrownPastItsOldEndAfterATruncationIsReadAgain) {
@@ -456,7 +456,7 @@ TEST_F(Refresh, SpotOf89100SecondsIsKeptAndOneASecondOlderDropped) {
   writeLog(heard("N0OLD", 89'101) + heard("N0AT", 89'100) + heard("N0NEW", 89'099));
   refresh();
   EXPECT_THAT(callsigns(data), ElementsAre("N0AT", "N0NEW"));
-  EXPECT_THAT(data.last_heard, UnorderedElementsAre(Key("N0AT"), Key("N0NEW")));
+  EXPECT_THAT(lastHeard(data), UnorderedElementsAre(Key("N0AT"), Key("N0NEW")));
   refresh(kNow + 1);
   EXPECT_THAT(callsigns(data), ElementsAre("N0NEW"));
 }
@@ -477,7 +477,7 @@ TEST_F(Refresh, WithoutALogWhatIsTooOldGoesAllTheSame) {
   EXPECT_THAT(callsigns(data), ElementsAre("N0AAA"));
   refresh(kNow + 90'000);
   EXPECT_TRUE(data.spots.empty());
-  EXPECT_THAT(data.last_heard, IsEmpty());
+  EXPECT_THAT(lastHeard(data), IsEmpty());
 }
 
 TEST_F(Refresh, LineDatedFarAheadIsHeldOnceTheClockGetsThere) {
@@ -560,7 +560,7 @@ TEST_F(Refresh, ClockSetBackWithoutALogEmptiesAndCounts) {
   refresh(kNow - 601);
   EXPECT_TRUE(data.spots.empty());
   EXPECT_EQ(data.generation, 2u);
-  EXPECT_THAT(data.last_heard, UnorderedElementsAre(Key("N0AAA")));
+  EXPECT_THAT(lastHeard(data), UnorderedElementsAre(Key("N0AAA")));
 }
 
 TEST_F(Refresh, ClockThatWasYearsAheadCostsNothingOfTheDay) {
@@ -569,10 +569,10 @@ TEST_F(Refresh, ClockThatWasYearsAheadCostsNothingOfTheDay) {
   refresh(kNow + 2e9);
   EXPECT_TRUE(data.spots.empty());
   EXPECT_THAT(data.intervals, IsEmpty());
-  EXPECT_THAT(data.last_heard, IsEmpty());
+  EXPECT_THAT(lastHeard(data), IsEmpty());
   refresh(kNow);
   EXPECT_THAT(data.intervals, SizeIs(4));
-  EXPECT_THAT(data.last_heard, UnorderedElementsAre(Key("N0AAA"), Key("N0BBB")));
+  EXPECT_THAT(lastHeard(data), UnorderedElementsAre(Key("N0AAA"), Key("N0BBB")));
 }
 
 TEST_F(Refresh, ClockThatWasYearsBehindCostsNothingOfTheDay) {
@@ -581,7 +581,7 @@ TEST_F(Refresh, ClockThatWasYearsBehindCostsNothingOfTheDay) {
   EXPECT_TRUE(data.spots.empty());
   refresh(kNow);
   EXPECT_THAT(callsigns(data), ElementsAre("N0AAA", "N0BBB"));
-  EXPECT_THAT(data.last_heard, SizeIs(2));
+  EXPECT_THAT(lastHeard(data), SizeIs(2));
 }
 
 // The history.
@@ -594,8 +594,8 @@ TEST_F(Refresh, WithTheHistoryInUseLogLinesOnlySupplyCallsigns) {
   refresh();
   EXPECT_TRUE(data.history_in_use);
   EXPECT_TRUE(data.spots.empty());
-  EXPECT_THAT(data.last_heard, UnorderedElementsAre(Key("N0AAA"), Key("N0BBB")));
-  EXPECT_THAT(data.last_heard_by_band.at("20m"), SizeIs(2));
+  EXPECT_THAT(lastHeard(data), UnorderedElementsAre(Key("N0AAA"), Key("N0BBB")));
+  EXPECT_THAT(lastHeardByBand(data).at("20m"), SizeIs(2));
   EXPECT_EQ(data.accepted_lines, 2u);
 }
 
@@ -754,8 +754,8 @@ TEST_F(Refresh, WhicheverAllocationFailsEveryLineCountsOnce) {
       ASSERT_EQ(broken.generation, broken.accepted_lines > 0 ? 1u : 0u) << n;
       refreshSpots(broken, kNow, 0);
       ASSERT_EQ(spotsHeld(broken, 0, kNow), spotsHeld(whole, 0, kNow)) << n;
-      ASSERT_EQ(broken.last_heard, whole.last_heard) << n;
-      ASSERT_EQ(broken.last_heard_by_band, whole.last_heard_by_band) << n;
+      ASSERT_EQ(lastHeard(broken), lastHeard(whole)) << n;
+      ASSERT_EQ(lastHeardByBand(broken), lastHeardByBand(whole)) << n;
       ASSERT_EQ(broken.accepted_lines, 60u) << n;
       ASSERT_EQ(broken.newest_decode, whole.newest_decode) << n;
     }

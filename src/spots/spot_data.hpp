@@ -5,15 +5,15 @@
 #include <cstdint>
 #include <deque>
 #include <limits>
-#include <map>
+#include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "api/activity_snapshot.hpp"
 #include "api/rate_index.hpp"
 #include "spots/cty.hpp"
+#include "spots/heard_callsigns.hpp"
 #include "spots/log_reader.hpp"
 #include "spots/spot_queue.hpp"
 
@@ -25,9 +25,6 @@ struct Interval {
   std::string band;         // band id
   std::uint64_t count = 0;  // decodes
 };
-
-// Callsign to the time it was last heard, UTC epoch seconds.
-using LastHeard = std::unordered_map<std::string, double, cty::TextHash, std::equal_to<>>;
 
 // Times are UTC epoch seconds throughout.
 struct SpotData {
@@ -41,13 +38,13 @@ struct SpotData {
   // Of the log lines dated further ahead than is held, the date of the earliest. Once the clock is
   // there the log is read anew.
   double left_out_from = std::numeric_limits<double>::infinity();
-  SpotQueue spots;                 // lines read while no history was in use
-  std::deque<Interval> intervals;  // ascending by start; from the history
-  double history_read_to = 0;      // 0: nothing read yet
-  LastHeard last_heard;            // over all bands
-  std::map<std::string, LastHeard, std::less<>> last_heard_by_band;  // by band id; none is empty
-  bool history_in_use = false;    // the last read of the history succeeded
-  launcher::BandRateIndex rates;  // filled from the history
+  SpotQueue spots;                               // lines read while no history was in use
+  std::deque<Interval> intervals;                // ascending by start; from the history
+  double history_read_to = 0;                    // 0: nothing read yet
+  HeardCallsigns heard;                          // the senders of the last day; see pruneSpots
+  std::optional<std::int64_t> callsigns_pruned;  // in this minute; empty: never
+  bool history_in_use = false;                   // the last read of the history succeeded
+  launcher::BandRateIndex rates;                 // filled from the history
   ActivityCache cache;
   std::uint64_t generation = 0;  // grows when new data was consumed
   cty::Database countries;
@@ -71,9 +68,16 @@ bool isCounted(const cty::Database& countries, std::string_view callsign);
 std::uint64_t heardSince(const SpotData& data, double since);
 std::uint64_t heardOnBandSince(const SpotData& data, std::string_view band, double since);
 
+// recordCallsign if isCounted says so, which is asked once for each callsign: whoever changes
+// data.countries calls data.heard.forgetVerdicts(). Returns what it said. `band` is one of
+// data.heard. Throws like recordCallsign.
+bool recordSender(SpotData& data, std::string_view callsign, HeardCallsigns::Band& band,
+                  double time);
+
 // Drops everything older than now - kRetention: spots, intervals, callsigns last heard before that,
-// and the rate index's minutes before the one it lies in. What is dated exactly then stays.
-// Throws nothing. Cost: what is dropped, and one look at every callsign.
+// and the rate index's minutes before the one it lies in. What is dated exactly then stays. The
+// callsigns are looked through once in a minute of `now` only: no view reaches back so far that it
+// could tell. Throws nothing. Cost: what is dropped, and once a minute a look at every callsign.
 void pruneSpots(SpotData& data, double now);
 
 }  // namespace spotserver

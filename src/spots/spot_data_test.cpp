@@ -9,6 +9,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "spots/heard_callsigns_reference.hpp"
+
 namespace spotserver {
 namespace {
 
@@ -38,9 +40,9 @@ TEST(RecordCallsign, IsKeptOverallAndForItsBand) {
   recordCallsign(data, "N0CALL", "20m", 100);
   recordCallsign(data, "N0CALL", "40m", 90);
   recordCallsign(data, "DL1ABC", "20m", 80);
-  EXPECT_THAT(data.last_heard, UnorderedElementsAre(Pair("N0CALL", 100), Pair("DL1ABC", 80)));
+  EXPECT_THAT(lastHeard(data), UnorderedElementsAre(Pair("N0CALL", 100), Pair("DL1ABC", 80)));
   EXPECT_THAT(
-      data.last_heard_by_band,
+      lastHeardByBand(data),
       ElementsAre(Pair("20m", UnorderedElementsAre(Pair("N0CALL", 100), Pair("DL1ABC", 80))),
                   Pair("40m", UnorderedElementsAre(Pair("N0CALL", 90)))));
 }
@@ -53,8 +55,8 @@ TEST(RecordCallsign, LaterTimeReplacesAnEarlierOneNeverTheReverse) {
     SpotData data;
     recordCallsign(data, "N0CALL", "20m", c.first);
     recordCallsign(data, "N0CALL", "20m", c.second);
-    EXPECT_EQ(data.last_heard.at("N0CALL"), c.kept) << c.first << ", " << c.second;
-    EXPECT_EQ(data.last_heard_by_band.at("20m").at("N0CALL"), c.kept);
+    EXPECT_EQ(lastHeard(data).at("N0CALL"), c.kept) << c.first << ", " << c.second;
+    EXPECT_EQ(lastHeardByBand(data).at("20m").at("N0CALL"), c.kept);
   }
 }
 
@@ -125,8 +127,8 @@ TEST(PruneSpots, CallsignsLastHeardBeforeTheCutoffGoAndWithTheLastOneItsBand) {
   recordCallsign(data, "MOVED", "40m", kCutoff - 3);
   recordCallsign(data, "MOVED", "15m", kNow);
   pruneSpots(data, kNow);
-  EXPECT_THAT(data.last_heard, UnorderedElementsAre(Pair("AT", kCutoff), Pair("MOVED", kNow)));
-  EXPECT_THAT(data.last_heard_by_band,
+  EXPECT_THAT(lastHeard(data), UnorderedElementsAre(Pair("AT", kCutoff), Pair("MOVED", kNow)));
+  EXPECT_THAT(lastHeardByBand(data),
               ElementsAre(Pair("15m", UnorderedElementsAre(Pair("MOVED", kNow))),
                           Pair("20m", UnorderedElementsAre(Pair("AT", kCutoff)))));
 }
