@@ -1,5 +1,5 @@
-// Lets allocations of a test program fail. Replaces the program's operator new: include it in the
-// one source file of a test only.
+// Counts the allocations of a test program and lets them fail. Replaces the program's operator new:
+// include it in the one source file of a test only.
 #pragma once
 
 #include <cstdlib>
@@ -24,8 +24,12 @@ class FailingMemory {
   // Whether an allocation has failed.
   bool failed() const { return failed_; }
 
+  // Allocations of this thread so far, with or without one of these.
+  static long taken() { return taken_; }
+
   // Takes note of an allocation; false when it is to fail.
   static bool allow() noexcept {
+    ++taken_;
     if (left_ == kUnlimited) return true;
     if (left_ > 0) {
       --left_;
@@ -41,6 +45,7 @@ class FailingMemory {
   static inline thread_local long left_ = kUnlimited;
   static inline thread_local bool once_ = false;
   static inline thread_local bool failed_ = false;
+  static inline thread_local long taken_ = 0;
 };
 
 }  // namespace spotserver

@@ -30,7 +30,7 @@ class HeardCallsigns {
   struct Band {
     std::vector<std::uint32_t> callsigns;
     std::vector<double> last_heard;  // of the callsign at the same place
-    FlatIndex places;                // by hashBits(callsign)
+    FlatIndex places;                // by callsign
   };
 
   // The band with this id, from now on if it is new. Valid until the next pruning, clearing or

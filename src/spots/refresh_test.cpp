@@ -762,6 +762,58 @@ TEST_F(Refresh, WhicheverAllocationFailsEveryLineCountsOnce) {
   }
 }
 
+// What it costs.
+
+TEST_F(Refresh, LinesOfKnownCallsignsAndChannelsTakeNoMemoryOfTheirOwn) {
+  dir.write("cty.dat", kCountries);
+  const auto lines = [](double time) {
+    std::string text;
+    for (int i = 0; i < 10'000; ++i) {
+      const std::string callsign = (i % 3 == 0 ? "QQ0A" : "N0A") + std::to_string(i % 50) + "A";
+      text += decodeLine(time, "CQ " + callsign + " FN42", i / 7 % 2 == 0 ? "14.074" : "13.5");
+    }
+    return text;
+  };
+  writeLog(lines(kNow - 100));
+  refresh();
+  appendLog(lines(kNow - 10));
+  const long before = FailingMemory::taken();
+  refresh();
+  const long taken = FailingMemory::taken() - before;
+  EXPECT_EQ(data.spots.size(), 20'000u);
+  EXPECT_LT(taken, 100);  // the minute's arrays as they grow, and the reader's buffers
+}
+
+TEST_F(Refresh, ThirtyDaysOfNewCallsignsAndOddFrequenciesAreHeldAsOneDay) {
+  constexpr std::size_t kLines = 40;
+  constexpr std::size_t kDay = kLines * (89'100 / 3600 + 1);
+  int serial = 0;
+  for (int hour = 0; hour < 30 * 24; ++hour) {
+    const double now = kNow + 3600 * hour;
+    if (hour % 24 == 0) {  // a new country file every day
+      dir.write("cty.dat", kCountries + std::string(static_cast<std::size_t>(hour / 24), '\n'));
+    }
+    for (std::size_t i = 0; i < kLines; ++i) {
+      const std::string megahertz = "13." + std::to_string(100'000 + ++serial);
+      std::string callsign = "N0";
+      for (const int place : {17'576, 676, 26, 1}) {
+        callsign += static_cast<char>('A' + serial / place % 26);
+      }
+      appendLog(decodeLine(now - 10, "CQ " + callsign + " FN42", megahertz));
+    }
+    refresh(now);
+    ASSERT_LE(data.spots.size(), kDay) << hour;
+    ASSERT_LE(data.spots.senders(), kDay) << hour;
+    ASSERT_LE(data.spots.channelIdEnd(), kDay + kLines) << hour;  // read before it is pruned
+    ASSERT_LE(data.heard.remembered(), kDay) << hour;
+    ASSERT_LE(data.heard.bands(), kDay) << hour;
+  }
+  EXPECT_EQ(data.spots.size(), kDay);
+  EXPECT_EQ(data.spots.channels(), kDay);
+  EXPECT_EQ(data.heard.remembered(), kDay);
+  EXPECT_EQ(heardSince(data, 0), kDay);
+}
+
 TEST_F(Refresh, StoppedRefreshConsumesNothingAndLosesNothing) {
   writeLog(heard("N0AAA"));
   std::stop_source stop;

@@ -17,6 +17,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::Pair;
+using ::testing::SizeIs;
 using ::testing::UnorderedElementsAre;
 
 constexpr double kNow = 1'741'947'330;
@@ -131,6 +132,18 @@ TEST(PruneSpots, CallsignsLastHeardBeforeTheCutoffGoAndWithTheLastOneItsBand) {
   EXPECT_THAT(lastHeardByBand(data),
               ElementsAre(Pair("15m", UnorderedElementsAre(Pair("MOVED", kNow))),
                           Pair("20m", UnorderedElementsAre(Pair("AT", kCutoff)))));
+}
+
+TEST(PruneSpots, CallsignsAreLookedThroughOnceAMinuteAndWhenTheClockWasSet) {
+  for (const double later : {30, 60, -3600}) {
+    SpotData data;
+    pruneSpots(data, kNow);
+    recordCallsign(data, "OLD", "20m", kCutoff - 7200);
+    pruneSpots(data, kNow + 29.5);  // kNow is half past a minute
+    EXPECT_THAT(lastHeard(data), SizeIs(1)) << later;
+    pruneSpots(data, kNow + later);
+    EXPECT_THAT(lastHeard(data), IsEmpty()) << later;
+  }
 }
 
 TEST(PruneSpots, RateIndexLosesTheMinutesBeforeTheCutoffs) {

@@ -54,11 +54,11 @@ bool SpotQueue::isOf(const Group& group, double time, const ChannelKey& key) con
   return group.time == time && channel.frequency == key.frequency && channel.mode == key.mode;
 }
 
-// Nearly all spots come behind another one of the same interval.
-SpotQueue::Minute& SpotQueue::minuteAt(double time, const ChannelKey& key) {
-  Minute* last = last_.minute;
-  if (last != nullptr && isOf(last->groups[last->newest], time, key)) return *last;
-  return by_minute_[minuteOf(time)];
+// Whether the spot is of the interval of the one before, as nearly all are.
+bool SpotQueue::goesOn(double time, const ChannelKey& key) const {
+  if (last_.minute == nullptr) return false;
+  const Group& group = last_.minute->groups[last_.minute->newest];
+  return group.count > 0 && isOf(group, time, key);
 }
 
 // Whatever can fail comes first. A minute or room left behind is no harm.
@@ -66,11 +66,12 @@ void SpotQueue::append(double time, double frequency, int mode, std::string_view
                        std::string_view callsign) {
   if (std::isnan(time)) return;
   const ChannelKey key{frequency, mode, band};
-  Minute& minute = minuteAt(time, key);
+  const bool goes_on = goesOn(time, key);
+  Minute& minute = goes_on ? *last_.minute : by_minute_[minuteOf(time)];
   makeRoom(minute.spots);
   const std::uint32_t sender = senders_.acquire(callsign);
   try {
-    minute.newest = groupOf(minute, time, key);
+    if (!goes_on) minute.newest = groupOf(minute, time, key);
   } catch (...) {
     senders_.release(sender);
     throw;
@@ -81,13 +82,11 @@ void SpotQueue::append(double time, double frequency, int mode, std::string_view
   ++size_;
 }
 
+// The place of the interval's group, which is added when there is none.
 std::uint32_t SpotQueue::groupOf(Minute& minute, double time, const ChannelKey& key) {
-  const auto is_it = [&](std::uint32_t place) { return isOf(minute.groups[place], time, key); };
-  if (!minute.groups.empty() && is_it(minute.newest) && minute.groups[minute.newest].count > 0) {
-    return minute.newest;
-  }
   const std::uint32_t hash = hashOf(time, key.frequency, key.mode);
-  const std::uint32_t found = minute.by_interval.find(hash, is_it);
+  const std::uint32_t found = minute.by_interval.find(
+      hash, [&](std::uint32_t place) { return isOf(minute.groups[place], time, key); });
   if (found == FlatIndex::kNone) return addGroup(minute, hash, time, key);
   Group& group = minute.groups[found];
   if (group.count == 0) {  // its first spot anew: that one says how the channel is written

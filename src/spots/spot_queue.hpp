@@ -171,7 +171,7 @@ class SpotQueue {
   }
 
   bool isOf(const Group& group, double time, const ChannelKey& key) const;
-  Minute& minuteAt(double time, const ChannelKey& key);
+  bool goesOn(double time, const ChannelKey& key) const;
   std::uint32_t groupOf(Minute& minute, double time, const ChannelKey& key);
   std::uint32_t addGroup(Minute& minute, std::uint32_t hash, double time, const ChannelKey& key);
   void release(const Minute& minute);
