@@ -1,8 +1,11 @@
 // Smoothing is a trailing box window. It is never shorter than the band's longest interval, so that
 // a WSPR band is averaged over the two minutes it takes to hear anything at all, and it begins no
 // earlier than the band's data, so that a band heard for two minutes is not diluted over five.
-// Intervals lie in buckets by the minute of their start, which keeps a query to the few minutes
-// that can hold an interval ending inside the window.
+//
+// An interval that ends inside a window starts no earlier than the band's longest interval before
+// it: so much margin bounds every search by start. A curve does not search at all. Each interval is
+// added at the first sample that sees it and taken off at the first whose window has left it
+// behind; the sums then run along the samples. Counts are integers, so no order of adding shows.
 #include "api/rate_index.hpp"
 
 #include <algorithm>
@@ -11,6 +14,8 @@
 #include <iterator>
 #include <limits>
 #include <stdexcept>
+#include <tuple>
+#include <utility>
 
 #include "api/band_plan.hpp"
 
@@ -21,6 +26,7 @@ constexpr double kUnfinishedTolerance = 1.0;  // seconds an interval may end aft
 constexpr double kShortestMargin = 15;        // seconds
 constexpr double kShortestStaleness = 75;     // seconds
 constexpr double kStalenessSlack = 15;        // seconds beyond the band's longest interval
+constexpr double kNever = -std::numeric_limits<double>::infinity();
 
 // `whole`, a double without fraction, as an integer. A conversion out of range is undefined in C++,
 // so what lies beyond becomes the nearest end; times of any century on a calendar do not.
@@ -38,80 +44,221 @@ bool isAcceptable(double now, double start, double length_s, double frequency_hz
   return std::isfinite(frequency_hz);
 }
 
-// The seconds tell apart the intervals that start within one minute.
-std::string recordKey(std::string_view source_key, double start, std::int64_t minute) {
-  const double second = std::trunc(start - 60 * static_cast<double>(minute));
-  return std::string(source_key) + "@" + std::to_string(saturated(second));
+// The minute of `start` and the whole second within it. Neither falls as `start` grows within one
+// minute, so the starts of one second are neighbours in any ascending order.
+std::pair<std::int64_t, std::int64_t> minuteAndSecond(double start) {
+  const std::int64_t minute = minuteOf(start);
+  return {minute, saturated(std::trunc(start - 60 * static_cast<double>(minute)))};
 }
 
+bool inOneSecond(double a, double b) {
+  // Spares the divisions. Times beyond these are too far to be counted in whole seconds.
+  constexpr double kCountable = 0x1p52;
+  if (std::abs(a - b) > 2 && std::abs(a) < kCountable && std::abs(b) < kCountable) return false;
+  return minuteAndSecond(a) == minuteAndSecond(b);
+}
+
+bool startsBefore(const IntervalRecord& record, double t) { return record.start < t; }
+
+// The intervals that start at `from` or later.
+std::span<const IntervalRecord> heldFrom(const SourceIntervals& source, double from) {
+  const auto held = source.held();
+  const auto first = std::lower_bound(held.begin(), held.end(), from, startsBefore);
+  return {first, held.end()};
+}
+
+void addReport(BandRateIndex& index, const SourceReport& report, double now) {
+  const auto refused = [&](const SlotCount& slot) {
+    return !isAcceptable(now, slot.start, report.length_s, report.frequency_hz);
+  };
+  auto slot = std::find_if_not(report.slots.begin(), report.slots.end(), refused);
+  if (slot == report.slots.end()) return;
+  const BandInfo band = bandForFrequency(report.frequency_hz);
+  BandRateEntry& entry =
+      index.try_emplace(band.id, BandRateEntry{slot->start, report.length_s, {}}).first->second;
+  entry.max_length = std::max(entry.max_length, report.length_s);
+  SourceIntervals& source = entry.by_source[report.source_key];
+  for (; slot != report.slots.end(); ++slot) {
+    if (refused(*slot)) continue;
+    entry.first_start = std::min(entry.first_start, slot->start);
+    source.add({slot->start, slot->start + report.length_s, slot->count});
+  }
+}
+
+void requireSmoothing(int minutes) {
+  if (minutes < 1 || minutes > 40) throw std::invalid_argument("Smoothing must be 1..40 minutes");
+}
+
+double windowOf(const BandRateEntry& band, int smoothing_minutes) {
+  return std::max(band.max_length, 60.0 * smoothing_minutes);
+}
+
+double marginOf(const BandRateEntry& band) { return std::max(band.max_length, kShortestMargin); }
+
+// What lies in one window.
 struct WindowSum {
   std::uint64_t count = 0;
-  std::optional<double> latest_end;
+  double latest_end = kNever;  // kNever: nothing lies in it
 };
 
-// Everything with after < end <= t, from the buckets that can hold such an interval.
+// Everything with after < end <= t.
 WindowSum sumWindow(const BandRateEntry& band, double after, double t) {
-  const double margin = std::max(band.max_length, kShortestMargin);
-  const std::int64_t last_minute = minuteOf(t);
   WindowSum sum;
-  auto bucket = band.by_minute.lower_bound(minuteOf(after - margin));
-  for (; bucket != band.by_minute.end() && bucket->first <= last_minute; ++bucket) {
-    for (const auto& [key, record] : bucket->second) {
+  for (const auto& [key, source] : band.by_source) {
+    for (const IntervalRecord& record : heldFrom(source, after - marginOf(band))) {
+      if (record.start > t) break;
       if (record.end <= after || record.end > t) continue;
       sum.count += record.count;
-      sum.latest_end = std::max(record.end, sum.latest_end.value_or(record.end));
+      sum.latest_end = std::max(record.end, sum.latest_end);
     }
   }
   return sum;
 }
 
+std::optional<double> rateOf(const BandRateEntry& band, double window, const WindowSum& sum,
+                             double t) {
+  const double staleness = std::max(band.max_length + kStalenessSlack, kShortestStaleness);
+  if (sum.latest_end == kNever || sum.latest_end < t - staleness) return std::nullopt;
+  const double effective = std::min(t - band.first_start, window);
+  if (effective <= 0) return std::nullopt;
+  return static_cast<double>(sum.count) * 3600 / effective;
+}
+
+// The samples of a curve, rates still empty.
+std::vector<RatePoint> samples(int hours, double now) {
+  const auto steps = static_cast<std::size_t>(hours) * 60;
+  std::vector<RatePoint> points;
+  points.reserve(steps + 1);
+  // Counting the steps as well ends the walk where a double is too coarse to advance by 60.
+  for (double t = now - hours * 3600; t < now && points.size() < steps; t += 60) {
+    points.push_back({t, std::nullopt});
+  }
+  points.push_back({now, std::nullopt});
+  return points;
+}
+
+// How the window changes from one sample to the next.
+struct WindowChange {
+  std::uint64_t count = 0;     // what it gains less what it loses; a loss wraps around
+  double latest_end = kNever;  // of what it gains
+};
+
+// Finds samples by time: from where the last search ended, since the next one lies close by.
+class SampleCursor {
+ public:
+  SampleCursor(std::span<const RatePoint> points, double delay) : points_(points), delay_(delay) {}
+
+  // The first sample at least `delay` later than `t`; the number of samples when there is none.
+  std::size_t seek(double t) {
+    while (at_ < points_.size() && isBefore(at_, t)) ++at_;
+    while (at_ > 0 && !isBefore(at_ - 1, t)) --at_;
+    return at_;
+  }
+  // The same from anywhere.
+  void jump(double t) {
+    const auto before = [this, t](const RatePoint& point) { return point.t - delay_ < t; };
+    const auto found = std::partition_point(points_.begin(), points_.end(), before);
+    at_ = static_cast<std::size_t>(found - points_.begin());
+  }
+
+ private:
+  bool isBefore(std::size_t sample, double t) const { return points_[sample].t - delay_ < t; }
+
+  std::span<const RatePoint> points_;
+  double delay_;
+  std::size_t at_ = 0;
+};
+
+// Adds the intervals of one source to `changes`, which has one more element than `points`.
+void addChanges(std::span<const IntervalRecord> records, std::span<const RatePoint> points,
+                double window, std::vector<WindowChange>& changes) {
+  if (records.empty()) return;
+  SampleCursor gain(points, 0);
+  SampleCursor loss(points, window);
+  gain.jump(records.front().end);
+  loss.jump(records.front().end);
+  for (const IntervalRecord& record : records) {
+    WindowChange& gained = changes[gain.seek(record.end)];
+    gained.count += record.count;
+    gained.latest_end = std::max(gained.latest_end, record.end);
+    changes[loss.seek(record.end)].count -= record.count;
+  }
+}
+
+void drawCurve(const BandRateEntry& band, double window, std::span<RatePoint> points) {
+  std::vector<WindowChange> changes(points.size() + 1);
+  const double from = points.front().t - window - marginOf(band);
+  for (const auto& [key, source] : band.by_source) {
+    addChanges(heldFrom(source, from), points, window, changes);
+  }
+  WindowSum sum;
+  double latest_end = kNever;  // of everything up to this sample
+  for (std::size_t i = 0; i < points.size(); ++i) {
+    const double t = points[i].t;
+    sum.count += changes[i].count;
+    latest_end = std::max(latest_end, changes[i].latest_end);
+    sum.latest_end = latest_end > t - window ? latest_end : kNever;
+    points[i].rate = rateOf(band, window, sum, t);
+  }
+}
+
 }  // namespace
+
+void SourceIntervals::add(const IntervalRecord& record) {
+  auto next = records_.end();
+  const auto first = records_.begin() + static_cast<std::ptrdiff_t>(dropped_);
+  if (next != first && std::prev(next)->start >= record.start) {
+    next = std::lower_bound(first, next, record.start, startsBefore);
+  }
+  if (next != records_.end() && inOneSecond(next->start, record.start)) return;
+  if (next != first && inOneSecond(std::prev(next)->start, record.start)) return;
+  records_.insert(next, record);
+}
+
+void SourceIntervals::dropBefore(std::int64_t minute) {
+  while (dropped_ < records_.size() && minuteOf(records_[dropped_].start) < minute) ++dropped_;
+  // Moving the rest forward only now and then costs each interval a few moves in its life.
+  if (dropped_ <= records_.size() / 8) return;
+  records_.erase(records_.begin(), records_.begin() + static_cast<std::ptrdiff_t>(dropped_));
+  dropped_ = 0;
+}
 
 std::int64_t minuteOf(double t) { return saturated(std::floor(t / 60)); }
 
 void addInterval(BandRateIndex& index, std::string_view source_key, std::uint64_t count, double now,
                  double start, double length_s, double frequency_hz) {
-  if (!isAcceptable(now, start, length_s, frequency_hz)) return;
-  pruneIndex(index, now);
+  const SourceReport report{std::string(source_key), frequency_hz, length_s, {{start, count}}};
+  addIntervals(index, {&report, 1}, now);
+}
 
-  const BandInfo band = bandForFrequency(frequency_hz);
-  BandRateEntry& entry =
-      index.try_emplace(band.id, BandRateEntry{start, length_s, {}}).first->second;
-  entry.first_start = std::min(entry.first_start, start);
-  entry.max_length = std::max(entry.max_length, length_s);
-
-  const std::int64_t minute = minuteOf(start);
-  entry.by_minute[minute].try_emplace(recordKey(source_key, start, minute),
-                                      IntervalRecord{start, start + length_s, count});
+void addIntervals(BandRateIndex& index, std::span<const SourceReport> reports, double now) {
+  const auto counts = [now](const SourceReport& report) {
+    return std::any_of(report.slots.begin(), report.slots.end(), [&](const SlotCount& slot) {
+      return isAcceptable(now, slot.start, report.length_s, report.frequency_hz);
+    });
+  };
+  // What is accepted starts after the retention's begin: pruning once is pruning before each.
+  if (std::any_of(reports.begin(), reports.end(), counts)) pruneIndex(index, now);
+  for (const SourceReport& report : reports) addReport(index, report, now);
 }
 
 void pruneIndex(BandRateIndex& index, double now) {
   if (!std::isfinite(now)) return;
   const std::int64_t cutoff = minuteOf(now - kRetention);
-  for (auto band = index.begin(); band != index.end();) {
-    auto& by_minute = band->second.by_minute;
-    by_minute.erase(by_minute.begin(), by_minute.lower_bound(cutoff));
-    band = by_minute.empty() ? index.erase(band) : std::next(band);
+  for (auto& [id, band] : index) {
+    for (auto& [key, source] : band.by_source) source.dropBefore(cutoff);
+    std::erase_if(band.by_source, [](const auto& source) { return source.second.held().empty(); });
   }
+  std::erase_if(index, [](const auto& band) { return band.second.by_source.empty(); });
 }
 
 std::optional<double> rateAt(const BandRateIndex& index, std::string_view band_id,
                              int smoothing_minutes, double t) {
-  if (smoothing_minutes < 1 || smoothing_minutes > 40) {
-    throw std::invalid_argument("Smoothing must be 1..40 minutes");
-  }
+  requireSmoothing(smoothing_minutes);
   const auto found = index.find(band_id);
   if (found == index.end() || !std::isfinite(t)) return std::nullopt;
-  const BandRateEntry& band = found->second;
-
-  const double window = std::max(band.max_length, 60.0 * smoothing_minutes);
-  const WindowSum sum = sumWindow(band, t - window, t);
-  const double staleness = std::max(band.max_length + kStalenessSlack, kShortestStaleness);
-  if (!sum.latest_end || *sum.latest_end < t - staleness) return std::nullopt;
-
-  const double effective = std::min(t - band.first_start, window);
-  if (effective <= 0) return std::nullopt;
-  return static_cast<double>(sum.count) * 3600 / effective;
+  const double window = windowOf(found->second, smoothing_minutes);
+  return rateOf(found->second, window, sumWindow(found->second, t - window, t), t);
 }
 
 std::vector<RatePoint> bandSeries(const BandRateIndex& index, std::string_view band_id,
@@ -119,14 +266,12 @@ std::vector<RatePoint> bandSeries(const BandRateIndex& index, std::string_view b
   if (hours != 1 && hours != 6 && hours != 24) {
     throw std::invalid_argument("History view must be 1, 6 or 24 hours");
   }
-  const auto steps = static_cast<std::size_t>(hours) * 60;
-  std::vector<RatePoint> points;
-  points.reserve(steps + 1);
-  // Counting the steps as well ends the walk where a double is too coarse to advance by 60.
-  for (double t = now - hours * 3600; t < now && points.size() < steps; t += 60) {
-    points.push_back({t, rateAt(index, band_id, smoothing_minutes, t)});
+  requireSmoothing(smoothing_minutes);
+  std::vector<RatePoint> points = samples(hours, now);
+  const auto found = index.find(band_id);
+  if (found != index.end() && std::isfinite(now)) {
+    drawCurve(found->second, windowOf(found->second, smoothing_minutes), points);
   }
-  points.push_back({now, rateAt(index, band_id, smoothing_minutes, now)});
   return points;
 }
 

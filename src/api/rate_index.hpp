@@ -1,4 +1,4 @@
-// Decode intervals by band and minute, and the smoothed decode rates drawn from them.
+// Decode intervals by band and source, and the smoothed decode rates drawn from them.
 //
 // A decode interval is one receive period of one mode on one frequency, with the number of messages
 // decoded in it. Times are UTC epoch seconds with fractions, lengths are seconds, rates are decodes
@@ -9,10 +9,12 @@
 //   rateAt(index, "20m", 3, now)  // 2880: 12 decodes in the band's first 15 s slot
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -28,15 +30,28 @@ struct IntervalRecord {
   std::uint64_t count = 0;  // messages decoded
 };
 
-// Record key (source key "@" whole second within the minute) to record. The first report of a key
-// stays, so that an interval reported twice counts once.
-using IntervalBucket = std::map<std::string, IntervalRecord, std::less<>>;
+// The intervals of one source on one band. Of those that start within one second of one minute the
+// first added stays, so that an interval reported twice counts once.
+class SourceIntervals {
+ public:
+  // Ascending by start. The view lasts until the next change.
+  std::span<const IntervalRecord> held() const { return std::span(records_).subspan(dropped_); }
+  // Cost: constant behind the last start, otherwise the intervals that start later.
+  // Throws std::bad_alloc, and then holds what it held before.
+  void add(const IntervalRecord& record);
+  // Drops what starts in an earlier minute (minuteOf). Throws nothing. Cost: what is dropped.
+  void dropBefore(std::int64_t minute);
 
-// One band. It forgets its first start and longest length only when its last minute is pruned.
+ private:
+  std::vector<IntervalRecord> records_;  // the first dropped_ of them are no longer held
+  std::size_t dropped_ = 0;
+};
+
+// One band. It forgets its first start and longest length only when its last interval is pruned.
 struct BandRateEntry {
-  double first_start = 0;                            // earliest start ever added, of duplicates too
-  double max_length = 0;                             // longest length ever added, of duplicates too
-  std::map<std::int64_t, IntervalBucket> by_minute;  // by the minute in which an interval starts
+  double first_start = 0;  // earliest start ever added, of duplicates too
+  double max_length = 0;   // longest length ever added, of duplicates too
+  std::map<std::string, SourceIntervals, std::less<>> by_source;  // by source key; none is empty
 };
 
 // Band id (BandInfo::id) to its intervals. Off-plan bands have entries like any other.
@@ -56,12 +71,33 @@ std::int64_t minuteOf(double t);
 // untouched: a value that is not finite, a length of 0 or less, an end later than now + 1 (the
 // interval is not over yet), a start earlier than now - kRetention. Otherwise prunes first; a
 // second report of the same source, band and start second then only widens the band's first_start
-// and max_length. Cost: logarithmic, plus the bands for the pruning.
+// and max_length. Cost: addIntervals of one.
 void addInterval(BandRateIndex& index, std::string_view source_key, std::uint64_t count, double now,
                  double start, double length_s, double frequency_hz);
 
+// When one interval began and what was decoded in it.
+struct SlotCount {
+  double start = 0;
+  std::uint64_t count = 0;
+};
+
+// Intervals of one source, all of one length.
+struct SourceReport {
+  std::string source_key;
+  double frequency_hz = 0;
+  double length_s = 0;
+  std::vector<SlotCount> slots;
+};
+
+// As addInterval for every slot of every report in turn.
+//   addIntervals(index, {{{"FT8/14.074000", 14'074'000, 15, {{now - 30, 7}, {now - 15, 12}}}}},
+//   now)
+// Cost: a look at every source for the pruning and two look-ups a report; a slot that starts behind
+// those already held of its source is appended in constant time, without a look-up.
+void addIntervals(BandRateIndex& index, std::span<const SourceReport> reports, double now);
+
 // Drops every minute before that of now - kRetention, and every band left without a minute. A `now`
-// that is not finite drops nothing.
+// that is not finite drops nothing. Cost: what is dropped, and a look at every source.
 void pruneIndex(BandRateIndex& index, double now);
 
 // Decodes per hour of one band at `t`, averaged over the trailing window of `smoothing_minutes` or
@@ -71,13 +107,14 @@ void pruneIndex(BandRateIndex& index, double now);
 // Empty: unknown band, or nothing that ended within the window and within the last 75 s (longest
 // interval + 15 s when that is more).
 // Throws std::invalid_argument "Smoothing must be 1..40 minutes".
-// Cost: the minutes inside the window.
+// Cost: a look-up in every source of the band, and the intervals inside the window.
 std::optional<double> rateAt(const BandRateIndex& index, std::string_view band_id,
                              int smoothing_minutes, double t);
 
 // The band's rateAt every 60 s from now - hours * 3600 on while earlier than `now`, then at `now`
 // itself: 61, 361 or 1,441 points for 1, 6 or 24 hours and a whole second `now`.
 // Throws std::invalid_argument "History view must be 1, 6 or 24 hours", then as rateAt.
+// Cost: one walk over the band's intervals in reach and one over the points.
 std::vector<RatePoint> bandSeries(const BandRateIndex& index, std::string_view band_id,
                                   int smoothing_minutes, int hours, double now);
 

@@ -25,6 +25,30 @@
 
 namespace launcher {
 
+// The intervals that an index holds, as the rules name them: by band and minute of their start,
+// under record keys: source key, "@", whole second within the minute.
+using IntervalBucket = std::map<std::string, IntervalRecord, std::less<>>;
+
+inline std::map<std::int64_t, IntervalBucket> byMinute(const BandRateEntry& band) {
+  std::map<std::int64_t, IntervalBucket> buckets;
+  for (const auto& [key, source] : band.by_source) {
+    for (const IntervalRecord& record : source.held()) {
+      const std::int64_t minute = minuteOf(record.start);
+      const auto second = static_cast<int>(record.start - 60 * static_cast<double>(minute));
+      buckets[minute].emplace(key + "@" + std::to_string(second), record);
+    }
+  }
+  return buckets;
+}
+
+inline std::size_t heldIntervals(const BandRateIndex& index) {
+  std::size_t count = 0;
+  for (const auto& [id, band] : index) {
+    for (const auto& [key, source] : band.by_source) count += source.held().size();
+  }
+  return count;
+}
+
 class ReferenceRates {
  public:
   void add(std::string_view source, std::uint64_t count, double now, double start, double length,
@@ -108,8 +132,9 @@ class ReferenceRates {
     std::string all;
     for (const auto& [band, entry] : index) {
       std::vector<IntervalRecord> intervals;
-      for (const auto& [minute_number, bucket] : entry.by_minute) {
-        for (const auto& [key, record] : bucket) intervals.push_back(record);
+      for (const auto& [key, source] : entry.by_source) {
+        const auto held = source.held();
+        intervals.insert(intervals.end(), held.begin(), held.end());
       }
       all += describe(band, entry.first_start, entry.max_length, std::move(intervals));
     }
@@ -210,6 +235,9 @@ class RateScript {
 
   void step() {
     switch (byte() % 16) {
+      case 8:
+        addReports();
+        break;
       case 9:
         now_ += signedByte() * 7.5;
         break;
@@ -235,13 +263,9 @@ class RateScript {
   }
 
   void add() {
-    static constexpr double kLengths[] = {15, 7.5, 10, 6, 30, 120, 0.5, 3600, 86'400};
-    static constexpr double kFrequencies[] = {14'074'000, 14'080'000,  7'074'000, 1'800'000,
-                                              13'500'000, 450'000'001, 1e300};
-    static constexpr std::string_view kSources[] = {"FT8/14.074000", "FT4/14.080000", ""};
-    const std::string_view source = kSources[byte() % std::size(kSources)];
-    double frequency = kFrequencies[byte() % std::size(kFrequencies)];
-    double length = kLengths[byte() % std::size(kLengths)];
+    const std::string_view source = someSource();
+    double frequency = someFrequency();
+    double length = someLength();
     double start = pastTime(length);
     double now = now_;
     const std::uint64_t count = byte() % 20;
@@ -263,6 +287,25 @@ class RateScript {
     }
     addInterval(index_, source, count, now, start, length, frequency);
     reference_.add(source, count, now, start, length, frequency);
+  }
+
+  // One call for the index, interval by interval for the reference.
+  void addReports() {
+    std::vector<SourceReport> reports(1 + byte() % 3);
+    for (SourceReport& report : reports) {
+      report = {std::string(someSource()), someFrequency(), someLength(), {}};
+      for (int slots = byte() % 6; slots > 0; --slots) {
+        const double start = byte() == 0 ? oddDouble() : pastTime(report.length_s);
+        report.slots.push_back({start, byte() % std::uint64_t{20}});
+      }
+    }
+    addIntervals(index_, reports, now_);
+    for (const SourceReport& report : reports) {
+      for (const SlotCount& slot : report.slots) {
+        reference_.add(report.source_key, slot.count, now_, slot.start, report.length_s,
+                       report.frequency_hz);
+      }
+    }
   }
 
   void prune() {
@@ -302,10 +345,13 @@ class RateScript {
     const double start = anyDouble();
     addInterval(odd_index_, "", 1, now, start, anyDouble(), anyDouble());
     addInterval(odd_index_, "", 1, start, start, 15, 14'074'000);
-    const std::optional<double> rate = rateAt(odd_index_, "20m", 1 + byte() % 40, anyDouble());
+    const int smoothing = 1 + byte() % 40;
+    const std::optional<double> rate = rateAt(odd_index_, "20m", smoothing, anyDouble());
     if (rate && !(*rate >= 0)) difference_ = "a rate below zero or not a number";
-    if (bandSeries(odd_index_, "20m", 1, 1, now).back().rate != rateAt(odd_index_, "20m", 1, now)) {
-      difference_ = "a curve that does not end in the rate now";
+    for (const RatePoint& point : bandSeries(odd_index_, "20m", smoothing, 1, now)) {
+      if (point.rate != rateAt(odd_index_, "20m", smoothing, point.t)) {
+        difference_ = "a curve with a point that is not the rate then";
+      }
     }
     if (byte() == 0) pruneIndex(odd_index_, anyDouble());
   }
@@ -331,6 +377,22 @@ class RateScript {
     } catch (const std::invalid_argument& error) {
       return {{}, error.what()};
     }
+  }
+
+  std::string_view someSource() {
+    static constexpr std::string_view kSources[] = {"FT8/14.074000", "FT4/14.080000", ""};
+    return kSources[byte() % std::size(kSources)];
+  }
+
+  double someFrequency() {
+    static constexpr double kFrequencies[] = {14'074'000, 14'080'000,  7'074'000, 1'800'000,
+                                              13'500'000, 450'000'001, 1e300};
+    return kFrequencies[byte() % std::size(kFrequencies)];
+  }
+
+  double someLength() {
+    static constexpr double kLengths[] = {15, 7.5, 10, 6, 30, 120, 0.5, 3600, 86'400};
+    return kLengths[byte() % std::size(kLengths)];
   }
 
   std::string_view someBand() {

@@ -31,7 +31,7 @@ std::size_t recordsOf(const BandRateIndex& index, std::string_view band) {
   std::size_t records = 0;
   const auto found = index.find(band);
   if (found == index.end()) return 0;
-  for (const auto& [minute, bucket] : found->second.by_minute) records += bucket.size();
+  for (const auto& [key, source] : found->second.by_source) records += source.held().size();
   return records;
 }
 
@@ -101,8 +101,9 @@ TEST(AddInterval, FilesTheIntervalUnderItsBandMinuteAndSecond) {
   const BandRateEntry& band = index.at("20m");
   EXPECT_EQ(band.first_start, kNow + 45);
   EXPECT_EQ(band.max_length, 15);
-  ASSERT_EQ(band.by_minute.size(), 1u);
-  const IntervalBucket& bucket = band.by_minute.at(29'386'260);
+  const auto by_minute = byMinute(band);
+  ASSERT_EQ(by_minute.size(), 1u);
+  const IntervalBucket& bucket = by_minute.at(29'386'260);
   ASSERT_EQ(bucket.size(), 1u);
   const IntervalRecord& record = bucket.at("FT8/14.074000@45");
   EXPECT_EQ(record.start, kNow + 45);
@@ -121,7 +122,7 @@ TEST(AddInterval, KeysTakeTheWholeSecondOfTheMinute) {
     BandRateIndex index;
     addInterval(index, "a", 1, 100, c.start, 1, k20m);
     ASSERT_TRUE(index.contains("20m")) << c.start;
-    const auto& by_minute = index.at("20m").by_minute;
+    const auto by_minute = byMinute(index.at("20m"));
     ASSERT_TRUE(by_minute.contains(c.minute)) << c.start;
     EXPECT_TRUE(by_minute.at(c.minute).contains(c.key)) << c.start;
   }
@@ -238,6 +239,46 @@ TEST(AddInterval, OtherSourcesBandsAndMinutesAreOtherIntervals) {
   EXPECT_EQ(recordsOf(index, "40m"), 1u);
 }
 
+TEST(AddInterval, StartsInAnyOrderAreHeldAscending) {
+  BandRateIndex index;
+  for (const int slot : {3, 1, 5, 2, 4, 1, 5, 3}) {
+    addInterval(index, "a", static_cast<std::uint64_t>(slot), kNow, kNow - 15 * slot, 15, k20m);
+  }
+  std::vector<std::uint64_t> counts;
+  for (const IntervalRecord& record : index.at("20m").by_source.at("a").held()) {
+    counts.push_back(record.count);
+  }
+  EXPECT_EQ(counts, (std::vector<std::uint64_t>{5, 4, 3, 2, 1}));
+}
+
+TEST(AddIntervals, AreAddedOneByOne) {
+  BandRateIndex index;
+  addFt8(index, kNow - 100'000, 1);
+  const std::vector<SourceReport> reports = {
+      {"a", k20m, 15, {{kNow - 30, 1}, {kNow - 10, 9}, {kNow - 15, 2}, {kNow - 30, 7}}},
+      {"a", k20m + 1, 10, {{kNow - 30, 3}, {kNow - 45, 4}, {kNow - 90'000, 5}}},
+      {"a", k40m, 0, {{kNow - 30, 6}}},
+      {"b", k20m, 120, {}}};
+  addIntervals(index, reports, kNow);
+  ASSERT_EQ(index.size(), 1u);
+  const auto held = index.at("20m").by_source.at("a").held();
+  std::vector<std::uint64_t> counts;
+  for (const IntervalRecord& record : held) counts.push_back(record.count);
+  EXPECT_EQ(counts, (std::vector<std::uint64_t>{4, 1, 2}));
+  EXPECT_EQ(index.at("20m").by_source.size(), 1u);
+  EXPECT_EQ(index.at("20m").first_start, kNow - 45);
+  EXPECT_EQ(index.at("20m").max_length, 15);
+}
+
+TEST(AddIntervals, RefusedOnesAloneLeaveOldMinutesAlone) {
+  BandRateIndex index;
+  addFt8(index, kNow - 100'000, 1);
+  const SourceReport unfinished{"a", k20m, 15, {{kNow, 1}}};
+  addIntervals(index, {&unfinished, 1}, kNow);
+  addIntervals(index, {}, kNow);
+  EXPECT_EQ(recordsOf(index, "20m"), 1u);
+}
+
 TEST(AddInterval, PrunesEveryBandFirst) {
   BandRateIndex index;
   addInterval(index, "a", 1, kNow - 89'100, kNow - 89'115, 15, k40m);
@@ -282,6 +323,32 @@ TEST(PruneIndex, ATimeThatIsNotFiniteDropsNothing) {
     addFt8(index, kNow, 1);
     pruneIndex(index, now);
     EXPECT_EQ(recordsOf(index, "20m"), 1u) << now;
+  }
+}
+
+TEST(PruneIndex, SourcesLeaveWithTheirLastInterval) {
+  // A month of frequencies that are each heard once: what is held does not grow.
+  BandRateIndex index;
+  for (int minute = 0; minute < 30 * 1'440; ++minute) {
+    const double start = kNow + minute * 60;
+    const double in_band = 14'000'000 + minute;
+    addInterval(index, channelKey("FT8", in_band), 1, start + 15, start, 15, in_band);
+    if (minute % 720 != 0) continue;
+    const double off_plan = 200'000'000 + minute;
+    addInterval(index, channelKey("FT8", off_plan), 1, start + 15, start, 15, off_plan);
+    ASSERT_LE(index.size(), 4u) << minute;
+    ASSERT_LE(index.at("20m").by_source.size(), 1'487u) << minute;
+  }
+}
+
+TEST(PruneIndex, ALongDayOfOneSourceLosesItsFrontOnly) {
+  BandRateIndex index;
+  for (int slot = 0; slot < 1'000; ++slot) addFt8(index, kNow + 15 * slot, 1);
+  for (int minute = 0; minute < 250; ++minute) {
+    pruneIndex(index, kNow + 60 * minute + 89'100);
+    const auto held = index.at("20m").by_source.at("FT8/14.074000").held();
+    ASSERT_EQ(held.size(), 1'000u - 4 * static_cast<std::size_t>(minute));
+    ASSERT_EQ(held.front().start, kNow + 60 * minute);
   }
 }
 
@@ -349,7 +416,7 @@ TEST(RateAt, UnknownBandsAndTimesThatAreNotFiniteAreEmpty) {
   EXPECT_EQ(rateAt(index, "20m", 3, -kInfinity), std::nullopt);
 }
 
-TEST(RateAt, ABandWithoutMinutesIsEmpty) {
+TEST(RateAt, ABandWithoutIntervalsIsEmpty) {
   BandRateIndex index;
   index.try_emplace("20m", BandRateEntry{kNow - 15, 15, {}});
   EXPECT_EQ(rateAt(index, "20m", 3, kNow), std::nullopt);

@@ -13,6 +13,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "api/rate_index_reference.hpp"
 #include "history_file.hpp"
 #include "other_process.hpp"
 #include "scarce_memory.hpp"
@@ -38,14 +39,6 @@ std::string describe(const SpotData& data) {
     text << " " << one.start << " " << one.band << " " << one.count << ";";
   }
   return text.str();
-}
-
-std::size_t indexedIntervals(const launcher::BandRateIndex& rates) {
-  std::size_t count = 0;
-  for (const auto& [band, entry] : rates) {
-    for (const auto& [minute, bucket] : entry.by_minute) count += bucket.size();
-  }
-  return count;
 }
 
 std::vector<std::uint64_t> countsOf(const SpotData& data) {
@@ -87,7 +80,7 @@ TEST_F(HistoryWindow, FirstReadFillsIntervalsAndRatesAndDropsTheSpotsOfTheLog) {
   const auto& band = data_.rates.at("20m");
   EXPECT_EQ(band.first_start, kBase);
   EXPECT_EQ(band.max_length, 15);
-  const auto& bucket = band.by_minute.at(kMinute);
+  const auto bucket = byMinute(band).at(kMinute);
   ASSERT_THAT(bucket, SizeIs(4));
   EXPECT_EQ(bucket.at("FT8/14.074000@45").count, 4u);
   EXPECT_EQ(bucket.at("FT8/14.074000@45").end, kBase + 60);
@@ -135,7 +128,7 @@ TEST_F(HistoryWindow, BandAndLengthComeFromFrequencyAndMode) {
     ASSERT_TRUE(data_.rates.contains(c.band)) << c.mode;
     const auto& band = data_.rates.at(c.band);
     EXPECT_EQ(band.max_length, c.length) << c.mode;
-    EXPECT_TRUE(band.by_minute.at(kMinute).contains(c.key)) << c.key;
+    EXPECT_TRUE(byMinute(band).at(kMinute).contains(c.key)) << c.key;
   }
 }
 
@@ -143,7 +136,7 @@ TEST_F(HistoryWindow, SlotThatEndsASecondAfterTheWindowCountsInIntervalsAndRates
   HistoryFile(path_).add({.minute = kMinute});
   readHistoryWindow(data_, kBase, kBase + 29);
   EXPECT_THAT(countsOf(data_), ElementsAre(1, 2));
-  EXPECT_EQ(indexedIntervals(data_.rates), 2u);
+  EXPECT_EQ(launcher::heldIntervals(data_.rates), 2u);
 }
 
 TEST_F(HistoryWindow, IntervalsFromTheWindowsStartOnAreReplaced) {
@@ -161,7 +154,7 @@ TEST_F(HistoryWindow, OverlapCorrectsIntervalsWhileRatesKeepTheFirstCount) {
   file.add({.minute = kMinute, .mask = 0b0011, .counts = countsBlob({6, 7})});
   readMinute();
   EXPECT_THAT(countsOf(data_), ElementsAre(6, 7));
-  const auto& bucket = data_.rates.at("20m").by_minute.at(kMinute);
+  const auto bucket = byMinute(data_.rates.at("20m")).at(kMinute);
   EXPECT_EQ(bucket.at("FT8/14.074000@0").count, 5u);
   EXPECT_EQ(bucket.at("FT8/14.074000@15").count, 7u);
 }
@@ -172,7 +165,7 @@ TEST_F(HistoryWindow, TwoReceiversOnOneChannelAreTwoIntervalsAndOneRateEntry) {
   file.add({.receiver = "north", .minute = kMinute, .mask = 1, .counts = countsBlob({9})});
   readMinute();
   EXPECT_THAT(countsOf(data_), ElementsAre(9, 8));
-  EXPECT_EQ(data_.rates.at("20m").by_minute.at(kMinute).at("FT8/14.074000@0").count, 9u);
+  EXPECT_EQ(byMinute(data_.rates.at("20m")).at(kMinute).at("FT8/14.074000@0").count, 9u);
 }
 
 TEST_F(HistoryWindow, ObservationOfAnUnknownModeIsPassedOver) {
@@ -181,7 +174,7 @@ TEST_F(HistoryWindow, ObservationOfAnUnknownModeIsPassedOver) {
                 {.receiver = "RX1", .mode = "FT8", .frequency = 14'074'000, .start = kBase + 15}},
                kBase, kBase + 60);
   EXPECT_THAT(data_.intervals, SizeIs(1));
-  EXPECT_EQ(indexedIntervals(data_.rates), 1u);
+  EXPECT_EQ(launcher::heldIntervals(data_.rates), 1u);
 }
 
 // --- When the history cannot be read -----------------------------------------------------------
@@ -206,14 +199,14 @@ TEST_F(HistoryWindow, OneBadRowLeavesTheIntervalsAsTheyWere) {
   HistoryFile file(path_);
   for (int i = 0; i < 5; ++i) file.add({.minute = kMinute + i});
   readHistoryWindow(data_, kBase, kBase + 300);
-  const auto indexed = indexedIntervals(data_.rates);
+  const auto indexed = launcher::heldIntervals(data_.rates);
   const std::string before = describe(data_);
   for (const char* damage : {"mode='ft8'", "mask=16", "counts=zeroblob(32)", "receiver=NULL"}) {
     data_.history_in_use = true;
     file.exec(std::string("UPDATE minutes SET counts=zeroblob(64),") + damage + " WHERE rowid=5");
     readHistoryWindow(data_, kBase + 60, kBase + 300);
     EXPECT_EQ(describe(data_), "not " + before) << damage;
-    EXPECT_EQ(indexedIntervals(data_.rates), indexed) << damage;
+    EXPECT_EQ(launcher::heldIntervals(data_.rates), indexed) << damage;
     file.exec("UPDATE minutes SET receiver='RX1',mode='FT8',mask=15,counts=zeroblob(64)");
   }
 }
@@ -314,7 +307,7 @@ void runOutOfMemory(const std::string& path, bool for_good) {
     ASSERT_EQ(describe(data), data.history_in_use ? describe(after) : untouched) << n;
     readHistoryWindow(data, kBase, kBase + 600);
     ASSERT_EQ(countsOf(data), countsOf(after)) << n;
-    ASSERT_EQ(indexedIntervals(data.rates), indexedIntervals(after.rates)) << n;
+    ASSERT_EQ(launcher::heldIntervals(data.rates), launcher::heldIntervals(after.rates)) << n;
   }
 }
 
@@ -404,7 +397,7 @@ TEST_F(HistoryWindow, GapIsReadOnceTheHistoryIsBack) {
   refreshSpots(data_, kBase + 6000, 0);
   EXPECT_TRUE(data_.history_in_use);
   EXPECT_THAT(data_.intervals, SizeIs(100));
-  EXPECT_EQ(indexedIntervals(data_.rates), 100u);
+  EXPECT_EQ(launcher::heldIntervals(data_.rates), 100u);
 }
 
 // The window a refresh reads: the retention at first, then 300 s before where the last one ended.
