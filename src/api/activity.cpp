@@ -1,13 +1,13 @@
 #include "api/activity.hpp"
 
 #include <algorithm>
-#include <deque>
 #include <functional>
 #include <map>
 #include <string>
 #include <string_view>
 #include <tuple>
 #include <utility>
+#include <vector>
 
 #include "api/band_plan.hpp"
 #include "spots/mode.hpp"
@@ -16,72 +16,108 @@ namespace spotserver {
 namespace {
 
 using launcher::BandRateIndex;
+using launcher::SlotCount;
+using launcher::SourceReport;
 
 struct Counts {
   std::uint64_t spots = 0;
   std::uint64_t intervals = 0;
+
+  void add(const Counts& other) {
+    spots += other.spots;
+    intervals += other.intervals;
+  }
 };
 
 // What was decoded inside the window, all in all and by band id.
 struct WindowCounts {
   Counts total;
-  std::map<std::string, Counts, std::less<>> by_band;
+  std::map<std::string, Counts, std::less<>> by_band;  // those with an interval
 };
 
-void countInterval(WindowCounts& window, const std::string& band, std::uint64_t count) {
-  for (Counts* counts : {&window.total, &window.by_band[band]}) {
-    counts->spots += count;
-    ++counts->intervals;
-  }
+void addBand(WindowCounts& window, const std::string& band, const Counts& counts) {
+  if (counts.intervals == 0) return;
+  window.total.add(counts);
+  window.by_band[band].add(counts);
 }
 
-// One decode interval of the log: everything decoded in one mode on one dial frequency at one time.
-struct LogInterval {
-  double time = 0;
+// The log's decode intervals on one channel: everything decoded in one mode on one dial frequency
+// at one time is one.
+struct ChannelLog {
   double frequency = 0;
   int mode = 0;
+  std::string band;  // by the band plan
+  std::string key;   // as the rates know the channel
+  std::vector<SlotCount> slots;
 };
 
-struct ByTimeFrequencyMode {
-  bool operator()(const LogInterval& a, const LogInterval& b) const {
-    return std::tie(a.time, a.frequency, a.mode) < std::tie(b.time, b.frequency, b.mode);
-  }
-};
-
-using LogIntervals = std::map<LogInterval, std::uint64_t, ByTimeFrequencyMode>;  // to its decodes
-
-LogIntervals logIntervals(const SpotQueue& spots, double from, double to) {
-  LogIntervals intervals;
-  spots.forEach(from, to, [&](const ParsedSpot& spot) {
-    ++intervals[{spot.time, spot.frequency, spot.mode}];
+std::vector<ChannelLog> channelLogs(const SpotQueue& spots, double from, double to) {
+  std::vector<std::vector<SlotCount>> slots(spots.channelIdEnd());
+  spots.forEachInterval(from, to, [&](double time, std::uint32_t channel, std::uint64_t count) {
+    slots[channel].push_back({time, count});
   });
-  return intervals;
-}
-
-BandRateIndex ratesOf(const LogIntervals& intervals, double now) {
-  BandRateIndex rates;
-  for (const auto& [interval, count] : intervals) {
-    const std::string channel = launcher::channelKey(modeName(interval.mode), interval.frequency);
-    launcher::addInterval(rates, channel, count, now, interval.time, slotSeconds(interval.mode),
-                          interval.frequency);
+  std::vector<ChannelLog> logs;
+  for (std::uint32_t id = 0; id < slots.size(); ++id) {
+    if (slots[id].empty()) continue;
+    const Channel& channel = spots.channel(id);
+    logs.push_back(
+        {channel.frequency, channel.mode, launcher::bandForFrequency(channel.frequency).id,
+         launcher::channelKey(modeName(channel.mode), channel.frequency), std::move(slots[id])});
   }
-  return rates;
+  return logs;
 }
 
-WindowCounts countLog(const LogIntervals& intervals, double window_start) {
+WindowCounts countLog(const std::vector<ChannelLog>& logs, double window_start) {
   WindowCounts window;
-  for (const auto& [interval, count] : intervals) {
-    if (interval.time < window_start) continue;
-    countInterval(window, launcher::bandForFrequency(interval.frequency).id, count);
+  for (const ChannelLog& log : logs) {
+    Counts counts;
+    for (const SlotCount& slot : log.slots) {
+      if (slot.start >= window_start) counts.add({slot.count, 1});
+    }
+    addBand(window, log.band, counts);
   }
   return window;
 }
 
-WindowCounts countHistory(const std::deque<Interval>& intervals, double window_start, double now) {
+bool areOneSource(const ChannelLog& a, const ChannelLog& b) {
+  return a.key == b.key && a.band == b.band;
+}
+
+// Reports for the rates, in which the first of two intervals with one source, band and second
+// counts: those go in by time, frequency and mode. It matters where channels lie closer than the
+// six decimals of their key tell, or log several times within a second.
+std::vector<SourceReport> reportsOf(std::vector<ChannelLog> logs) {
+  std::sort(logs.begin(), logs.end(), [](const ChannelLog& a, const ChannelLog& b) {
+    return std::tie(a.key, a.frequency, a.mode) < std::tie(b.key, b.frequency, b.mode);
+  });
+  std::vector<SourceReport> reports;
+  for (std::size_t i = 0; i < logs.size(); ++i) {
+    auto& slots = logs[i].slots;
+    if (i > 0 && areOneSource(logs[i - 1], logs[i])) {
+      auto& joined = reports.back().slots;
+      joined.insert(joined.end(), slots.begin(), slots.end());
+    } else {
+      reports.push_back(
+          {logs[i].key, logs[i].frequency, slotSeconds(logs[i].mode), std::move(slots)});
+    }
+  }
+  const auto earlier = [](const SlotCount& a, const SlotCount& b) { return a.start < b.start; };
+  for (SourceReport& report : reports) {
+    auto& slots = report.slots;
+    if (std::is_sorted(slots.begin(), slots.end(), earlier)) continue;
+    std::stable_sort(slots.begin(), slots.end(), earlier);
+  }
+  return reports;
+}
+
+WindowCounts countHistory(const IntervalQueue& intervals, double window_start, double now) {
+  std::vector<Counts> by_band(intervals.bandEnd());
+  intervals.forEach([&](double start, std::uint32_t band, std::uint64_t count) {
+    if (start >= window_start && start <= now) by_band[band].add({count, 1});
+  });
   WindowCounts window;
-  for (const Interval& interval : intervals) {
-    if (interval.start < window_start || interval.start > now) continue;
-    countInterval(window, interval.band, interval.count);
+  for (std::uint32_t band = 0; band < by_band.size(); ++band) {
+    addBand(window, intervals.band(band), by_band[band]);
   }
   return window;
 }
@@ -147,9 +183,11 @@ ActivitySnapshot buildActivity(const SpotData& data, int hours, int smoothing, d
   } else {
     // The first points of the curves look back over a whole smoothing window and a WSPR slot.
     const double margin = smoothing * 60.0 + 120;
-    const LogIntervals intervals = logIntervals(data.spots, window_start - margin, now);
-    const WindowCounts window = countLog(intervals, window_start);
-    addBands(snapshot, data, ratesOf(intervals, now), window, window_start);
+    std::vector<ChannelLog> logs = channelLogs(data.spots, window_start - margin, now);
+    const WindowCounts window = countLog(logs, window_start);
+    BandRateIndex rates;
+    launcher::addIntervals(rates, reportsOf(std::move(logs)), now);
+    addBands(snapshot, data, rates, window, window_start);
   }
   return snapshot;
 }

@@ -426,9 +426,13 @@ class PlainActivity {
   void keepReach() {
     const double from = windowStart() - smoothing_ * 60 - 120;
     std::erase_if(spots_, [&](const ParsedSpot& s) { return s.time < from || s.time > now_; });
-    std::sort(spots_.begin(), spots_.end(), [](const ParsedSpot& a, const ParsedSpot& b) {
+    std::stable_sort(spots_.begin(), spots_.end(), [](const ParsedSpot& a, const ParsedSpot& b) {
       return std::tie(a.time, a.frequency, a.mode) < std::tie(b.time, b.frequency, b.mode);
     });
+    // An interval on 0 Hz is named for the sign its first spot came with.
+    for (std::size_t i = 1; i < spots_.size(); ++i) {
+      if (!isFirstOfItsInterval(i)) spots_[i].frequency = spots_[i - 1].frequency;
+    }
   }
 
   static bool sameInterval(const ParsedSpot& a, const ParsedSpot& b) {
@@ -445,8 +449,11 @@ class PlainActivity {
       const ParsedSpot& spot = spots_[i];
       std::uint64_t count = 0;
       for (const ParsedSpot& other : spots_) count += sameInterval(spot, other) ? 1 : 0;
-      // To the millihertz, as the frequencies of this test are: no two channels share a name.
-      const std::string source = std::to_string(spot.mode) + " " + std::to_string(spot.frequency);
+      // Rounded to the hertz as a channel is named, so that some channels share a name.
+      char frequency[40];
+      std::snprintf(frequency, sizeof frequency, "%.6f", spot.frequency / 1e6);
+      const std::string mode = spot.mode >= 0 && spot.mode < 7 ? std::to_string(spot.mode) : "?";
+      const std::string source = mode + " " + frequency;
       rates_.add(source, count, now_, spot.time, slotSeconds(spot.mode), spot.frequency);
     }
   }
@@ -501,7 +508,10 @@ class PlainActivity {
 };
 
 TEST(BuildActivity, AgreesWithPlainCountingOverRandomDays) {
-  constexpr double kFrequencies[] = {k20m, k20m + 6000, k40m, 13'500'000, 2'200'000, 50'313'000};
+  // Some lie closer than a name tells, on both sides of a band's end, too; and the two zeros.
+  constexpr double kFrequencies[] = {
+      k20m,       k20m + 6000,   k40m,        13'500'000,  2'200'000,    50'313'000, 14'349'999.8,
+      14'350'000, 14'350'000.25, k40m + 0.25, k40m - 0.25, 13'500'000.3, 0.0,        -0.0};
   for (unsigned seed = 0; seed < 150; ++seed) {
     std::mt19937_64 random(seed);
     const auto draw = [&](int below) { return static_cast<int>(random() % unsigned(below)); };
@@ -514,9 +524,9 @@ TEST(BuildActivity, AgreesWithPlainCountingOverRandomDays) {
     const int slots = draw(150);
     for (int slot = 0; slot < slots; ++slot) {
       const double ago = draw(2) == 0 ? draw(40) * 7.5 : std::floor(reach * draw(1000) / 1000);
-      const double time = kNow + 30 - ago;
+      const double time = kNow + 30 - ago + draw(3) * 0.25;
       const double frequency = kFrequencies[draw(std::size(kFrequencies))];
-      const int mode = draw(8);
+      const int mode = draw(9);
       for (int i = draw(6); i >= 0; --i) {
         const std::string band = launcher::bandForFrequency(frequency).id;
         const std::string callsign = "N" + std::to_string(draw(30));

@@ -1,10 +1,10 @@
 #include "history/history_reader.hpp"
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <filesystem>
 #include <memory>
-#include <span>
 #include <thread>
 
 #include <sqlite3.h>
@@ -143,25 +143,38 @@ HistoryRow currentRow(sqlite3_stmt* statement) {
           .counts = blobColumn(statement, 5)};
 }
 
-std::size_t footprint(std::span<const HistoryObservation> observations) {
-  std::size_t bytes = observations.size_bytes();
-  for (const auto& one : observations) bytes += one.receiver.size();
-  return bytes;
+bool startsEarlier(const HistorySlot& a, const HistorySlot& b) { return a.start < b.start; }
+
+// Sorts slots, appended minute by minute, by start. Stable: of two receivers on one channel the
+// same one comes first at every read.
+void sortFrom(std::vector<HistorySlot>& slots, std::size_t first) {
+  const auto begin = slots.begin() + static_cast<std::ptrdiff_t>(first);
+  std::stable_sort(begin, slots.end(), startsEarlier);
 }
 
-std::vector<HistoryObservation> readWindow(sqlite3* database, double from, double to,
-                                           std::size_t memory) {
+HistorySlots readWindow(sqlite3* database, double from, double to, std::size_t memory) {
   const Statement rows = prepare(database, kSelectWindow);
   sqlite3_bind_int64(rows.get(), 1, launcher::minuteOf(from));
   sqlite3_bind_int64(rows.get(), 2, launcher::minuteOf(to));
-  std::vector<HistoryObservation> found;
-  std::size_t held = 0;  // bytes
+  HistorySlots found;
+  std::size_t text = 0;  // bytes
+  std::int64_t minute = 0;
+  std::size_t minute_begin = 0;  // of the slots of that minute
   while (step(database, rows.get())) {
-    const std::size_t before = found.size();
-    expandRow(currentRow(rows.get()), from, to, found);
-    held += footprint(std::span(found).subspan(before));
-    if (held > memory) throw std::runtime_error("History window too large");
+    const HistoryRow row = currentRow(rows.get());
+    if (row.minute != minute) {
+      sortFrom(found.slots, minute_begin);
+      minute = row.minute;
+      minute_begin = found.slots.size();
+    }
+    const std::size_t channels = found.channels();
+    expandRow(row, from, to, found);
+    if (found.channels() > channels) text += sizeof(HistoryChannel) + row.receiver->size();
+    if (text + found.slots.size() * sizeof(HistorySlot) > memory) {
+      throw std::runtime_error("History window too large");
+    }
   }
+  sortFrom(found.slots, minute_begin);
   return found;
 }
 
@@ -175,33 +188,71 @@ std::uint64_t littleEndian64(std::string_view bytes) {
   return value;
 }
 
-}  // namespace
-
-void expandRow(const HistoryRow& row, double from, double to,
-               std::vector<HistoryObservation>& out) {
+// The mode, its row checked.
+int checkedMode(const HistoryRow& row) {
   if (!row.receiver || !row.mode) throw std::runtime_error("Invalid history text");
   const auto mode = modeFromName(*row.mode);
   if (!mode) throw std::runtime_error("Invalid history mode");
-  const double length = slotSeconds(*mode);
-  const int slots = slotsPerMinute(length);
+  const int slots = slotsPerMinute(slotSeconds(*mode));
   if (row.mask < 0 || row.mask >= 1 << slots) throw std::runtime_error("Invalid history mask");
   if (row.counts.size() != static_cast<std::size_t>(std::max(slots, 8)) * 8) {
     throw std::runtime_error("Invalid history counts");
   }
+  return *mode;
+}
+
+}  // namespace
+
+std::uint32_t HistorySlots::ChannelTraits::hash(const Key& key) {
+  return hashText(key.receiver) ^ hashBits(std::bit_cast<std::uint64_t>(key.frequency));
+}
+
+bool HistorySlots::ChannelTraits::same(const HistoryChannel& channel, const Key& key) {
+  return channel.frequency == key.frequency && channel.receiver == key.receiver &&
+         channel.mode == key.mode;
+}
+
+HistoryChannel HistorySlots::ChannelTraits::make(const Key& key) {
+  return {std::string(key.receiver), std::string(key.mode), key.frequency};
+}
+
+std::vector<HistoryObservation> observations(const HistorySlots& seen) {
+  std::vector<HistoryObservation> all;
+  all.reserve(seen.slots.size());
+  for (const HistorySlot& slot : seen.slots) {
+    const HistoryChannel& channel = seen[slot.channel];
+    all.push_back({channel.receiver, channel.mode, channel.frequency, slot.start, slot.count});
+  }
+  return all;
+}
+
+HistorySlots slotsOf(const std::vector<HistoryObservation>& observations) {
+  HistorySlots seen;
+  seen.slots.reserve(observations.size());
+  for (const HistoryObservation& one : observations) {
+    const std::uint32_t channel = seen.channel(one.receiver, one.mode, one.frequency);
+    seen.slots.push_back({one.start, one.count, channel});
+  }
+  return seen;
+}
+
+void expandRow(const HistoryRow& row, double from, double to, HistorySlots& out) {
+  const double length = slotSeconds(checkedMode(row));
   const double base = static_cast<double>(row.minute) * 60.0;
-  for (int i = 0; i < slots; ++i) {
+  std::optional<std::uint32_t> channel;
+  for (int i = 0; row.mask >> i != 0; ++i) {
     const double start = i * length + base;
     if ((row.mask >> i & 1) == 0 || !(start >= from && start + length <= to + 1.0)) continue;
-    out.push_back({.receiver = std::string(*row.receiver),
-                   .mode = std::string(*row.mode),
-                   .frequency = static_cast<double>(row.frequency),
-                   .start = start,
-                   .count = littleEndian64(row.counts.substr(static_cast<std::size_t>(i) * 8, 8))});
+    if (!channel) {
+      channel = out.channel(*row.receiver, *row.mode, static_cast<double>(row.frequency));
+    }
+    const auto place = static_cast<std::size_t>(i) * 8;
+    out.slots.push_back({start, littleEndian64(row.counts.substr(place, 8)), *channel});
   }
 }
 
-std::vector<HistoryObservation> readHistory(const std::string& path, double from, double to,
-                                            std::stop_token stop, const HistoryLimits& limits) {
+HistorySlots readHistorySlots(const std::string& path, double from, double to, std::stop_token stop,
+                              const HistoryLimits& limits) {
   std::error_code ignored;
   const auto type = std::filesystem::status(path, ignored).type();
   if (type == std::filesystem::file_type::not_found) return {};
@@ -213,11 +264,12 @@ std::vector<HistoryObservation> readHistory(const std::string& path, double from
   const Connection database = open(path);
   configure(database.get(), patience);
   requireKnownSchema(database.get());
-  auto found = readWindow(database.get(), from, to, limits.memory);
-  // Stable: of two receivers on one channel the same one comes first at every read.
-  std::stable_sort(found.begin(), found.end(),
-                   [](const auto& a, const auto& b) { return a.start < b.start; });
-  return found;
+  return readWindow(database.get(), from, to, limits.memory);
+}
+
+std::vector<HistoryObservation> readHistory(const std::string& path, double from, double to,
+                                            std::stop_token stop, const HistoryLimits& limits) {
+  return observations(readHistorySlots(path, from, to, std::move(stop), limits));
 }
 
 }  // namespace spotserver

@@ -24,6 +24,8 @@
 #include <string_view>
 #include <vector>
 
+#include "spots/interned.hpp"
+
 namespace spotserver {
 
 // One slot that a receiver listened through; count 0 is listening without a decode.
@@ -45,25 +47,71 @@ struct HistoryRow {
   std::string_view counts;  // bytes of the blob
 };
 
-// Appends one observation for every set bit of the mask whose slot lies in the window: it starts at
-// or after `from` and ends no later than `to` + 1 (UTC epoch seconds). A slot that ends in the
-// second after `to` has in truth just ended: clocks differ that much.
-//   // FT8, mask 0b0101, counts 3 0 7 9 0 0 0 0:  count 3 at minute * 60, count 7 at minute * 60 +
-//   30
+// Who heard it, and on what.
+struct HistoryChannel {
+  std::string receiver;
+  std::string mode;      // as stored
+  double frequency = 0;  // dial frequency, Hz
+};
+
+// One slot of one channel.
+struct HistorySlot {
+  double start = 0;           // UTC epoch seconds
+  std::uint64_t count = 0;    // decodes in the slot
+  std::uint32_t channel = 0;  // place among the channels held with it
+};
+
+// Observations as they are read: a day of them holds each channel's texts once.
+class HistorySlots {
+ public:
+  std::vector<HistorySlot> slots;
+
+  // The place of a channel, added if it is new. Cost: one look-up.
+  std::uint32_t channel(std::string_view receiver, std::string_view mode, double frequency) {
+    return channels_.acquire({receiver, mode, frequency});
+  }
+  const HistoryChannel& operator[](std::uint32_t channel) const { return channels_[channel]; }
+  std::size_t channels() const { return channels_.size(); }
+
+ private:
+  struct ChannelTraits {
+    struct Key {
+      std::string_view receiver;
+      std::string_view mode;
+      double frequency;
+    };
+    using Value = HistoryChannel;
+    static std::uint32_t hash(const Key& key);
+    static bool same(const HistoryChannel& channel, const Key& key);
+    static HistoryChannel make(const Key& key);
+  };
+
+  Interned<ChannelTraits> channels_;
+};
+
+// The slots one by one, in their order.
+std::vector<HistoryObservation> observations(const HistorySlots& seen);
+HistorySlots slotsOf(const std::vector<HistoryObservation>& observations);
+
+// Appends one slot for every set bit of the mask whose slot lies in the window: it starts at or
+// after `from` and ends no later than `to` + 1 (UTC epoch seconds). A slot that ends in the second
+// after `to` has in truth just ended: clocks differ that much.
+//   // FT8, mask 0b0101, counts 3 0 7 9 0 0 0 0:
+//   // count 3 at minute * 60, count 7 at minute * 60 + 30
 // Throws std::runtime_error, in this order of checks:
 //   "Invalid history text"    receiver or mode is NULL
 //   "Invalid history mode"    no mode has this name
 //   "Invalid history mask"    negative, or a bit beyond the mode's slots is set
 //   "Invalid history counts"  the blob has not exactly max(slots, 8) * 8 bytes
 // `out` is unchanged then.
-void expandRow(const HistoryRow& row, double from, double to, std::vector<HistoryObservation>& out);
+void expandRow(const HistoryRow& row, double from, double to, HistorySlots& out);
 
 // What one read may take. A locked or broken file must not hold the caller for long, nor may a file
 // made to hurt (an endless view called `minutes`) eat the memory.
 struct HistoryLimits {
   std::chrono::milliseconds time{
       5000};                        // from opening to the last row, waits for a writer included
-  std::size_t memory = 128u << 20;  // bytes for SQLite, and as many for the observations
+  std::size_t memory = 128u << 20;  // bytes for SQLite, and as many for the slots
 };
 
 // The process has no file descriptor left to open the history with. That says nothing about the
@@ -75,7 +123,7 @@ struct OutOfDescriptors : std::runtime_error {
 // Every slot of the history at `path` that lies in the window [from, to + 1] (UTC epoch seconds,
 // from <= to), ascending by start; slots with equal starts in the order of their receivers' names.
 // Empty also when there is no file at `path`.
-//   readHistory(path, now - 300, now)  // the slots of the last five minutes
+//   readHistorySlots(path, now - 300, now)  // the slots of the last five minutes
 // A writer that holds the file locked is waited for. `stop`, asked from any thread, ends the read
 // within some 10 ms.
 // Throws std::runtime_error: one of expandRow's (one bad row fails the read), "Cannot open history"
@@ -83,7 +131,12 @@ struct OutOfDescriptors : std::runtime_error {
 // limits.memory), or SQLite's own text: "database is locked" after limits.time, "interrupted" after
 // limits.time or when stopped. Throws OutOfDescriptors with SQLite's text.
 // Opens, reads and closes the database; never blocks on a FIFO. Writes no temporary file.
-// Cost: the rows of the window, when the table has an index on `minute`.
+// Cost: the rows of the window, when the table has an index on `minute`. No text is copied but
+// those of new channels.
+HistorySlots readHistorySlots(const std::string& path, double from, double to,
+                              std::stop_token stop = {}, const HistoryLimits& limits = {});
+
+// The same, every slot a record of its own.
 std::vector<HistoryObservation> readHistory(const std::string& path, double from, double to,
                                             std::stop_token stop = {},
                                             const HistoryLimits& limits = {});

@@ -74,7 +74,9 @@ inline RowOutcome expandPlainly(const HistoryRow& row, double from, double to) {
 inline RowOutcome expand(const HistoryRow& row, double from, double to) {
   RowOutcome outcome;
   try {
-    expandRow(row, from, to, outcome.observations);
+    HistorySlots slots;
+    expandRow(row, from, to, slots);
+    outcome.observations = observations(slots);
   } catch (const std::runtime_error& error) {
     outcome.refusal = error.what();
   }

@@ -136,9 +136,9 @@ class OneRow : public testing::Test {
   }
 
   std::vector<HistoryObservation> expandIn(double from, double to) const {
-    std::vector<HistoryObservation> out;
+    HistorySlots out;
     expandRow(row_, from, to, out);
-    return out;
+    return observations(out);
   }
 
   const std::string counts_ = countsBlob({3, 0, 7, 9, 0, 0, 0, 0});
@@ -250,10 +250,11 @@ TEST_F(OneRow, RefusalsNameTheFirstThingThatIsWrong) {
 }
 
 TEST_F(OneRow, RefusedRowAddsNothing) {
-  std::vector<HistoryObservation> out(1);
+  HistorySlots out = slotsOf(std::vector<HistoryObservation>(1));
   row_.mask = 16;
   EXPECT_THROW(expandRow(row_, kBase, kBase + 59, out), std::runtime_error);
-  EXPECT_THAT(out, SizeIs(1));
+  EXPECT_THAT(out.slots, SizeIs(1));
+  EXPECT_EQ(out.channels(), 1u);
 }
 
 TEST_F(OneRow, EveryModeAndMaskExpandsLikeThePlainReading) {
@@ -571,9 +572,10 @@ TEST_F(HistoryReading, WindowBeyondTheMemoryIsRefused) {
   HistoryFile file(path_);
   file.exec("CREATE INDEX by_minute ON minutes(minute,receiver)");
   file.exec(
-      "WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i+1 FROM n WHERE i<999) "
-      "INSERT INTO minutes SELECT printf('%1000d',i),7,'JS8-TURBO',1,1023,zeroblob(80) FROM n");
-  const std::size_t needed = 10'000 * (sizeof(HistoryObservation) + 1000);
+      "WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i+1 FROM n WHERE i<29999) "
+      "INSERT INTO minutes SELECT 'RX'||(i%10),7,'JS8-TURBO',1,1023,zeroblob(80) FROM n");
+  // Far more than SQLite itself takes for it.
+  const std::size_t needed = 300'000 * sizeof(HistorySlot) + 10 * (sizeof(HistoryChannel) + 3);
   EXPECT_EQ(failureOf(path_, 0, 120, {}, {.memory = needed - 1}), "History window too large");
   EXPECT_EQ(failureOf(path_, 0, 120, {}, {.memory = needed}), "read");
 }

@@ -25,6 +25,8 @@ void readHistoryWindow(SpotData& data, double from, double to, std::stop_token s
 // An interval that data.rates already has keeps its first count, even if the history changed.
 // When memory runs out, throws std::bad_alloc with data as it was, save that data.rates may have
 // got some of the intervals; the next merge adds the rest.
+// Cost: the observations; what is formatted and looked up is so once for each channel.
+void mergeHistory(SpotData& data, const HistorySlots& observations, double from, double to);
 void mergeHistory(SpotData& data, const std::vector<HistoryObservation>& observations, double from,
                   double to);
 

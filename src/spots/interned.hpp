@@ -42,6 +42,9 @@ class Interned {
     return id;
   }
 
+  // One holder more of a value that is held.
+  void hold(std::uint32_t id) noexcept { ++entries_[id].holders; }
+
   // Takes one holder away.
   void release(std::uint32_t id) noexcept {
     Entry& entry = entries_[id];

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
 #include <limits>
 #include <optional>
 #include <string>
@@ -14,17 +13,11 @@
 #include "api/rate_index.hpp"
 #include "spots/cty.hpp"
 #include "spots/heard_callsigns.hpp"
+#include "spots/interval_queue.hpp"
 #include "spots/log_reader.hpp"
 #include "spots/spot_queue.hpp"
 
 namespace spotserver {
-
-// One receiver decode interval from the history.
-struct Interval {
-  double start = 0;         // UTC epoch seconds
-  std::string band;         // band id
-  std::uint64_t count = 0;  // decodes
-};
 
 // Times are UTC epoch seconds throughout.
 struct SpotData {
@@ -39,7 +32,7 @@ struct SpotData {
   // there the log is read anew.
   double left_out_from = std::numeric_limits<double>::infinity();
   SpotQueue spots;                               // lines read while no history was in use
-  std::deque<Interval> intervals;                // ascending by start; from the history
+  IntervalQueue intervals;                       // ascending by start; from the history
   double history_read_to = 0;                    // 0: nothing read yet
   HeardCallsigns heard;                          // the senders of the last day; see pruneSpots
   std::optional<std::int64_t> callsigns_pruned;  // in this minute; empty: never

@@ -1,0 +1,98 @@
+// The decode intervals of the last day from the receivers' history, in the order of time.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <initializer_list>
+#include <iterator>
+#include <span>
+#include <string>
+
+#include "spots/interned.hpp"
+
+namespace spotserver {
+
+// One receiver decode interval from the history.
+struct Interval {
+  double start = 0;         // UTC epoch seconds
+  std::string band;         // band id
+  std::uint64_t count = 0;  // decodes
+};
+
+// A queue of intervals, 24 bytes each: band ids are kept once and leave with their last interval.
+// Ascending by start as long as its owner appends so. A plain value, not synchronised.
+//
+//   IntervalQueue queue = {{now - 30, "20m", 7}, {now - 15, "20m", 12}};
+//   for (const Interval interval : queue) ...            // as a caller sees them
+//   queue.forEach([&](double start, std::uint32_t band, std::uint64_t count) { ... });  // faster
+class IntervalQueue {
+ public:
+  IntervalQueue() = default;
+  IntervalQueue(std::initializer_list<Interval> intervals);
+
+  // An interval to be appended; `band` is a place among the band ids given along with it.
+  struct Fresh {
+    double start = 0;
+    std::uint64_t count = 0;
+    std::uint32_t band = 0;
+  };
+
+  // Puts `fresh` (ascending by start, none before `from`) in the place of everything from `from`
+  // on. All or nothing: throws std::bad_alloc, and then holds what it held before.
+  // Cost: what is replaced and what is put there, a look-up for each band.
+  void replaceFrom(double from, std::span<const Fresh> fresh, std::span<const std::string> bands);
+  // Throws std::bad_alloc, and then holds what it held before.
+  void push_back(const Interval& interval);
+  void pop_front();
+  void clear() { *this = {}; }
+
+  std::size_t size() const { return held_.size(); }
+  bool empty() const { return held_.empty(); }
+  Interval front() const { return (*this)[0]; }
+  Interval operator[](std::size_t place) const;
+
+  // Calls fn(double start, std::uint32_t band, std::uint64_t count) for every interval in order.
+  template <typename Fn>
+  void forEach(Fn&& fn) const {
+    for (const Fresh& one : held_) fn(one.start, one.band, one.count);
+  }
+  // The band id that forEach named; valid until the queue changes.
+  const std::string& band(std::uint32_t id) const { return bands_[id]; }
+  // Above every band number in use: the size of an array by band.
+  std::size_t bandEnd() const { return bands_.idEnd(); }
+
+  // Gives each interval as a value.
+  class Iterator {
+   public:
+    using value_type = Interval;
+    using difference_type = std::ptrdiff_t;
+    using reference = Interval;
+    using pointer = void;
+    using iterator_category = std::input_iterator_tag;
+
+    Iterator() = default;
+    Iterator(const IntervalQueue* queue, std::size_t place) : queue_(queue), place_(place) {}
+    Interval operator*() const { return (*queue_)[place_]; }
+    Iterator& operator++() {
+      ++place_;
+      return *this;
+    }
+    Iterator operator++(int) { return {queue_, place_++}; }
+    bool operator==(const Iterator& other) const { return place_ == other.place_; }
+
+   private:
+    const IntervalQueue* queue_ = nullptr;
+    std::size_t place_ = 0;
+  };
+  using const_iterator = Iterator;
+  using value_type = Interval;
+  Iterator begin() const { return {this, 0}; }
+  Iterator end() const { return {this, size()}; }
+
+ private:
+  std::deque<Fresh> held_;      // `band` is an id of bands_
+  Interned<TextTraits> bands_;  // held by the intervals
+};
+
+}  // namespace spotserver
