@@ -26,7 +26,8 @@ constexpr double kUnfinishedTolerance = 1.0;  // seconds an interval may end aft
 constexpr double kShortestMargin = 15;        // seconds
 constexpr double kShortestStaleness = 75;     // seconds
 constexpr double kStalenessSlack = 15;        // seconds beyond the band's longest interval
-constexpr double kNever = -std::numeric_limits<double>::infinity();
+constexpr double kForever = std::numeric_limits<double>::infinity();
+constexpr double kNever = -kForever;
 
 // `whole`, a double without fraction, as an integer. A conversion out of range is undefined in C++,
 // so what lies beyond becomes the nearest end; times of any century on a calendar do not.
@@ -52,6 +53,7 @@ std::pair<std::int64_t, std::int64_t> minuteAndSecond(double start) {
 }
 
 bool inOneSecond(double a, double b) {
+  if (a == b) return true;
   // Spares the divisions. Times beyond these are too far to be counted in whole seconds.
   constexpr double kCountable = 0x1p52;
   if (std::abs(a - b) > 2 && std::abs(a) < kCountable && std::abs(b) < kCountable) return false;
@@ -78,6 +80,7 @@ void addReport(BandRateIndex& index, const SourceReport& report, double now) {
       index.try_emplace(band.id, BandRateEntry{slot->start, report.length_s, {}}).first->second;
   entry.max_length = std::max(entry.max_length, report.length_s);
   SourceIntervals& source = entry.by_source[report.source_key];
+  if (source.held().empty()) source.reserve(report.slots.size());
   for (; slot != report.slots.end(); ++slot) {
     if (refused(*slot)) continue;
     entry.first_start = std::min(entry.first_start, slot->start);
@@ -154,7 +157,10 @@ class SampleCursor {
     while (at_ > 0 && !isBefore(at_ - 1, t)) --at_;
     return at_;
   }
-  // The same from anywhere.
+  // All of (after(), until()] is found at the same sample.
+  double after() const { return at_ == 0 ? kNever : points_[at_ - 1].t - delay_; }
+  double until() const { return at_ == points_.size() ? kForever : points_[at_].t - delay_; }
+  // Like seek, from anywhere.
   void jump(double t) {
     const auto before = [this, t](const RatePoint& point) { return point.t - delay_ < t; };
     const auto found = std::partition_point(points_.begin(), points_.end(), before);
@@ -177,11 +183,19 @@ void addChanges(std::span<const IntervalRecord> records, std::span<const RatePoi
   SampleCursor loss(points, window);
   gain.jump(records.front().end);
   loss.jump(records.front().end);
-  for (const IntervalRecord& record : records) {
-    WindowChange& gained = changes[gain.seek(record.end)];
-    gained.count += record.count;
-    gained.latest_end = std::max(gained.latest_end, record.end);
-    changes[loss.seek(record.end)].count -= record.count;
+  for (auto record = records.begin(); record != records.end();) {
+    WindowChange& gained = changes[gain.seek(record->end)];
+    WindowChange& lost = changes[loss.seek(record->end)];
+    const double after = std::max(gain.after(), loss.after());
+    const double until = std::min(gain.until(), loss.until());
+    WindowSum alike;  // of those behind one another that come and go at the same samples
+    for (; record != records.end() && record->end > after && record->end <= until; ++record) {
+      alike.count += record->count;
+      alike.latest_end = std::max(alike.latest_end, record->end);
+    }
+    gained.count += alike.count;
+    gained.latest_end = std::max(gained.latest_end, alike.latest_end);
+    lost.count -= alike.count;
   }
 }
 

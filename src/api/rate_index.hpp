@@ -39,6 +39,8 @@ class SourceIntervals {
   // Cost: constant behind the last start, otherwise the intervals that start later.
   // Throws std::bad_alloc, and then holds what it held before.
   void add(const IntervalRecord& record);
+  // Makes room for so many from the start.
+  void reserve(std::size_t count) { records_.reserve(count); }
   // Drops what starts in an earlier minute (minuteOf). Throws nothing. Cost: what is dropped.
   void dropBefore(std::int64_t minute);
 
