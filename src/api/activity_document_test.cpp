@@ -1,8 +1,11 @@
 #include "api/activity_document.hpp"
 
 #include <limits>
+#include <random>
 
 #include <gtest/gtest.h>
+
+#include "api/activity_document_reference.hpp"
 
 namespace spotserver {
 namespace {
@@ -102,6 +105,25 @@ TEST(ActivityDocument, StringsAreEscaped) {
   const std::string document = activityDocument(snapshot);
   EXPECT_NE(document.find(R"("mode":"a\"b",)"), std::string::npos) << document;
   EXPECT_NE(document.find(R"({"id":"c\\d","color":"\n",)"), std::string::npos) << document;
+}
+
+TEST(ActivityDocument, HeadAndTailMeetBehindTheTime) {
+  ActivitySnapshot snapshot = oneBand();
+  EXPECT_EQ(documentHead(1'763'175'660), "{\"generated\":1763175660");
+  const std::string tail = documentTail(snapshot);
+  EXPECT_EQ(tail.rfind(",\"mode\":\"live\",", 0), 0u) << tail;
+  EXPECT_EQ(documentHead(snapshot.generated) + tail, activityDocument(snapshot));
+  snapshot.generated += 59;
+  EXPECT_EQ(documentTail(snapshot), tail);
+}
+
+TEST(ActivityDocument, IsThePlainlyWrittenOne) {
+  std::mt19937 random(3);
+  for (int i = 0; i < 300; ++i) {
+    const auto script = randomScript(random, random() % 4000);
+    const ActivitySnapshot snapshot = SnapshotScript(script).make();
+    ASSERT_EQ(activityDocument(snapshot), plainDocument(snapshot)) << i;
+  }
 }
 
 }  // namespace

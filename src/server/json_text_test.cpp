@@ -1,12 +1,16 @@
 #include "server/json_text.hpp"
 
+#include <bit>
 #include <cmath>
 #include <cstdio>
 #include <limits>
 #include <random>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
+
+#include "server/json_text_reference.hpp"
 
 namespace spotserver {
 namespace {
@@ -152,6 +156,44 @@ TEST(JsonNumber, ReadsBackWithinHalfOfTheLastDecimal) {
     EXPECT_TRUE(text.find('.') == std::string::npos || (text.back() != '0' && text.back() != '.'))
         << text;
   }
+}
+
+// Any bits, and the numbers around what the fast way finds hard: ties, powers of two and ten.
+std::vector<double> oddDoubles() {
+  std::vector<double> values{0.0, 5e-324, 2.2250738585072014e-308, std::nan(""), HUGE_VAL};
+  std::mt19937_64 random(2);
+  for (int i = 0; i < 10'000; ++i) values.push_back(std::bit_cast<double>(random()));
+  for (int i = 0; i < 10'000; ++i) {
+    const auto sixteenths = static_cast<double>(random() >> (random() % 64)) / 16;
+    for (const double value : {sixteenths / 1000, sixteenths}) values.push_back(value);
+  }
+  for (int power = -70; power <= 70; ++power) {
+    const double value = std::ldexp(1.0, power);
+    for (const double near : {value, std::nextafter(value, 0), std::nextafter(value, HUGE_VAL)}) {
+      for (const double scale : {1.0, 0.001, 0.0005, 1.5}) values.push_back(near * scale);
+    }
+  }
+  return values;
+}
+
+TEST(JsonNumber, IsTheTextOfThePlainFormatter) {
+  for (const double value : oddDoubles()) {
+    for (const int precision : {0, 1, 2, 3, 4, 6}) {
+      ASSERT_EQ(json_number(precision, value), plainJsonNumber(precision, value))
+          << precision << " " << value;
+      ASSERT_EQ(json_number(precision, -value), plainJsonNumber(precision, -value))
+          << precision << " " << -value;
+    }
+  }
+}
+
+TEST(WriteJsonNumber, TakesNoMoreRoomThanItAsksFor) {
+  const double largest = -std::numeric_limits<double>::max();
+  std::string room(kLongestJsonNumber + 1, '#');
+  EXPECT_EQ(write_json_number(room.data(), 3, largest), room.data() + 1 + 309);
+  EXPECT_EQ(room.substr(310), std::string(kLongestJsonNumber + 1 - 310, '#'));
+  EXPECT_EQ(write_json_number(room.data(), 3, 2.5), room.data() + 3);
+  EXPECT_EQ(room.substr(0, 4), "2.59") << "and nothing behind the text";
 }
 
 }  // namespace
