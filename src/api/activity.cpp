@@ -156,21 +156,6 @@ void addBands(ActivitySnapshot& snapshot, const SpotData& data, const BandRateIn
 
 }  // namespace
 
-ActivitySnapshot activityAt(SpotData& data, int hours, int smoothing, double now) {
-  const std::int64_t minute = launcher::minuteOf(now);
-  const auto cached = data.cache.find({hours, smoothing});
-  if (cached != data.cache.end() && cached->second.generation == data.generation &&
-      cached->second.minute == minute) {
-    ActivitySnapshot snapshot = cached->second.snapshot;
-    snapshot.generated = now;
-    return snapshot;
-  }
-  ActivitySnapshot snapshot = buildActivity(data, hours, smoothing, now);
-  CachedActivity entry{data.generation, minute, snapshot};
-  data.cache.insert_or_assign({hours, smoothing}, std::move(entry));
-  return snapshot;
-}
-
 ActivitySnapshot buildActivity(const SpotData& data, int hours, int smoothing, double now) {
   ActivitySnapshot snapshot{.generated = now,
                             .mode = data.demo ? "demo" : "live",

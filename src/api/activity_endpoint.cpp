@@ -6,24 +6,58 @@
 #include <ctime>
 #include <optional>
 
-#include "api/activity.hpp"
-#include "api/activity_document.hpp"
+#include "api/accept_encoding.hpp"
+#include "api/activity_cache.hpp"
+#include "api/json_answer.hpp"
 
 namespace spotserver {
 namespace {
-
-constexpr const char* kJson = "application/json";
 
 std::optional<std::string> firstHeader(const httplib::Request& request, const char* name) {
   if (!request.has_header(name)) return std::nullopt;
   return request.get_header_value(name);
 }
 
-void refuse(httplib::Response& response, int status, const char* header, const char* value,
-            const char* body) {
-  response.status = status;
-  response.set_header(header, value);
-  response.set_content(body, kJson);
+struct Refusal {
+  int status;
+  const char* header;
+  const char* value;
+  const char* body;
+};
+
+constexpr Refusal kUnauthorized{401, "WWW-Authenticate", "Bearer", "{\"error\":\"unauthorized\"}"};
+constexpr Refusal kLockedOut{429, "Retry-After", "60",
+                             "{\"error\":\"too many wrong tokens, try again in a minute\"}"};
+
+void refuse(const httplib::Request& request, httplib::Response& response, const Refusal& refusal) {
+  response.status = refusal.status;
+  response.set_header(refusal.header, refusal.value);
+  setJson(request, response, refusal.body);
+}
+
+// All values of a header that is a list, which may come in several lines.
+std::string joinedHeader(const httplib::Request& request, const char* name) {
+  std::string joined;
+  for (std::size_t i = 0; i < request.get_header_value_count(name); ++i) {
+    if (i > 0) joined += ',';
+    joined += request.get_header_value(name, i);
+  }
+  return joined;
+}
+
+// A range is one of the document as it is.
+bool wantsGzip(const httplib::Request& request) {
+  return !request.has_header("Range") && prefersGzip(joinedHeader(request, "Accept-Encoding"));
+}
+
+void sendAnswer(const ActivityAnswer& answer, double now, const httplib::Request& request,
+                httplib::Response& response) {
+  auto gzipped = wantsGzip(request) ? answer.gzippedDocument(now) : std::nullopt;
+  if (gzipped) {
+    response.set_header("Content-Encoding", "gzip");
+    response.set_header("Vary", "Accept-Encoding");
+  }
+  setJson(request, response, gzipped ? *std::move(gzipped) : answer.document(now));
 }
 
 }  // namespace
@@ -52,13 +86,12 @@ bool authorize(const httplib::Request& request, httplib::Response& response,
     case TokenVerdict::kAllowed:
       return true;
     case TokenVerdict::kUnauthorized:
-      refuse(response, 401, "WWW-Authenticate", "Bearer", "{\"error\":\"unauthorized\"}");
+      refuse(request, response, kUnauthorized);
       return false;
     case TokenVerdict::kLockedOut:
       break;
   }
-  refuse(response, 429, "Retry-After", "60",
-         "{\"error\":\"too many wrong tokens, try again in a minute\"}");
+  refuse(request, response, kLockedOut);
   return false;
 }
 
@@ -70,8 +103,8 @@ void handleActivity(const ActivityEndpoint& endpoint, const httplib::Request& re
   const int smoothing =
       viewParameter(request.get_param_value("smoothing"), kSmoothings, kDefaultSmoothing);
   endpoint.store.refresh(now, endpoint.reload_interval);
-  const auto snapshot = activityAt(*endpoint.store.lock(), hours, smoothing, now);
-  response.set_content(activityDocument(snapshot), kJson);
+  const auto answer = activityAt(*endpoint.store.lock(), hours, smoothing, now);
+  sendAnswer(*answer, now, request, response);
 }
 
 }  // namespace spotserver

@@ -37,8 +37,9 @@ int viewParameter(std::string_view text, std::span<const int> allowed, int fallb
 bool authorize(const httplib::Request& request, httplib::Response& response,
                TokenThrottle& throttle, std::string_view access_token);
 
-// Answers one request. Locks one thing at a time: the throttle, the store for the refresh, the
-// store for the answer.
+// Answers one request, with gzip for a client that prefers it. Locks one thing at a time: the
+// throttle, the store for the refresh, the store for the answer; none while the text is written.
+// The answer needs finishJson before it leaves, a refusal too.
 void handleActivity(const ActivityEndpoint& endpoint, const httplib::Request& request,
                     httplib::Response& response);
 

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -36,10 +37,12 @@ struct ActivitySnapshot {
   std::vector<BandView> bands = {};  // those with an interval in the window, in display order
 };
 
+class ActivityAnswer;  // api/activity_answer.hpp: a snapshot and the texts made of it
+
 struct CachedActivity {
   std::uint64_t generation = 0;  // the store's generation when computed
   std::int64_t minute = 0;       // floor(now / 60) when computed
-  ActivitySnapshot snapshot;
+  std::shared_ptr<const ActivityAnswer> answer;
 };
 
 // (hours, smoothing) to the last answer: at most nine entries, overwritten, never evicted.

@@ -340,61 +340,6 @@ TEST(BuildActivity, LeavesTheCacheAlone) {
   EXPECT_THAT(data.cache, IsEmpty());
 }
 
-TEST(ActivityAt, IsReusedWithinTheMinuteWithAFreshTime) {
-  SpotData data;
-  addSpots(data, kNow - 15, k20m, kFt8, 12);
-  const ActivitySnapshot first = activityAt(data, 6, 3, kNow);
-  addSpots(data, kNow - 15, k40m, kFt8, 12);  // unseen: the generation did not move
-  const ActivitySnapshot second = activityAt(data, 6, 3, kNow + 59);
-  EXPECT_EQ(first.generated, kNow);
-  EXPECT_EQ(second.generated, kNow + 59);
-  EXPECT_EQ(text(second), text(first));
-  EXPECT_EQ(data.cache.at({6, 3}).snapshot.generated, kNow);
-}
-
-TEST(ActivityAt, NewDataIsSeenWithinTheMinute) {
-  SpotData data;
-  addSpots(data, kNow - 15, k20m, kFt8, 12);
-  activityAt(data, 6, 3, kNow);
-  addSpots(data, kNow - 15, k40m, kFt8, 12);
-  ++data.generation;
-  const ActivitySnapshot second = activityAt(data, 6, 3, kNow + 1);
-  EXPECT_EQ(second.window_spots, 24u);
-  EXPECT_EQ(text(second), text(buildActivity(data, 6, 3, kNow + 1)));
-}
-
-TEST(ActivityAt, ANewMinuteIsComputedAnew) {
-  SpotData data;
-  addSpots(data, kNow - 15, k20m, kFt8, 12);
-  activityAt(data, 6, 3, kNow + 59);
-  const ActivitySnapshot later = activityAt(data, 6, 3, kNow + 60);
-  EXPECT_EQ(text(later), text(buildActivity(data, 6, 3, kNow + 60)));
-  EXPECT_EQ(later.bands.at(0).points.back().t, kNow + 60);
-  const ActivitySnapshot earlier = activityAt(data, 6, 3, kNow + 59);  // the clock steps back
-  EXPECT_EQ(earlier.bands.at(0).points.back().t, kNow + 59);
-}
-
-TEST(ActivityAt, EveryViewHasItsOwnEntry) {
-  SpotData data;
-  addSpots(data, kNow - 15, k20m, kFt8, 12);
-  for (int round = 0; round < 2; ++round) {
-    for (const int hours : {1, 6, 24}) {
-      for (const int smoothing : {1, 3, 5}) {
-        const ActivitySnapshot snapshot = activityAt(data, hours, smoothing, kNow + round * 60);
-        EXPECT_EQ(text(snapshot), text(buildActivity(data, hours, smoothing, kNow + round * 60)));
-      }
-    }
-  }
-  EXPECT_EQ(data.cache.size(), 9u);
-}
-
-TEST(ActivityAt, AFailedAnswerIsNotKept) {
-  SpotData data;
-  addSpots(data, kNow - 15, k20m, kFt8, 1);
-  EXPECT_THROW(activityAt(data, 2, 3, kNow), std::invalid_argument);
-  EXPECT_THAT(data.cache, IsEmpty());
-}
-
 // The same answer once more, by counting: every rule as a loop over all spots.
 class PlainActivity {
  public:

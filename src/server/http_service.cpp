@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "api/activity_endpoint.hpp"
+#include "api/json_answer.hpp"
 #include "server/json_text.hpp"
 #include "server/request_gate.hpp"
 #include "server/version.hpp"
@@ -17,7 +18,6 @@
 namespace spotserver {
 namespace {
 
-constexpr const char* kJson = "application/json";
 constexpr const char* kNotFound = "{\"error\":\"not found\"}";
 constexpr rlim_t kMaxDescriptors = 1024;
 // Connects that may wait while the accept loop is busy; the library asks for five.
@@ -123,10 +123,11 @@ HttpService::HttpService(const ServerSettings& settings, SpotStore& store, const
   server_->set_tcp_nodelay(true);
   server_->set_socket_options([](auto socket) { setReuseAddress(socket); });
 
-  server_->Get("/api/v1/health", [demo = settings.demo, fingerprint](const auto&, auto& response) {
-    const auto now = static_cast<double>(std::time(nullptr));
-    response.set_content(healthDocument(demo, now, fingerprint), kJson);
-  });
+  server_->Get("/api/v1/health",
+               [demo = settings.demo, fingerprint](const auto& request, auto& response) {
+                 const auto now = static_cast<double>(std::time(nullptr));
+                 setJson(request, response, healthDocument(demo, now, fingerprint));
+               });
   const ActivityEndpoint endpoint{throttle_, token, store, settings.reload};
   server_->Get("/api/v1/activity", [endpoint](const auto& request, auto& response) {
     handleActivity(endpoint, request, response);
@@ -139,9 +140,12 @@ HttpService::HttpService(const ServerSettings& settings, SpotStore& store, const
     passGate(request, response);
     return response.status;
   });
-  server_->set_post_routing_handler([](const auto&, auto& response) { announceClose(response); });
-  server_->set_error_handler([](const httplib::Request&, httplib::Response& response) {
-    if (response.status == 404) response.set_content(kNotFound, kJson);
+  server_->set_post_routing_handler([](const auto&, auto& response) {
+    finishJson(response);
+    announceClose(response);
+  });
+  server_->set_error_handler([](const httplib::Request& request, httplib::Response& response) {
+    if (response.status == 404) setJson(request, response, kNotFound);
   });
   server_->set_exception_handler(
       [](const auto&, auto& response, auto&&...) { answerFailure(response); });

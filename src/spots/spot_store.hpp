@@ -14,7 +14,7 @@ namespace spotserver {
 //   store.lock()->all_txt_path = "/home/op/ALL.TXT";
 //   store.refresh(now, 15);
 //   const auto held = store.lock();
-//   const auto snapshot = activityAt(*held, 6, 3, now);
+//   const auto answer = activityAt(*held, 6, 3, now);
 class SpotStore {
  public:
   using Interval = spotserver::Interval;

@@ -1,0 +1,38 @@
+#include "api/activity_answer.hpp"
+
+#include <utility>
+
+#include "api/activity_document.hpp"
+
+namespace spotserver {
+namespace {
+
+// A body this short travels in one packet, compressed or not.
+constexpr std::size_t kShort = 1000;
+
+}  // namespace
+
+std::string ActivityAnswer::document(double generated) const {
+  const std::string head = documentHead(generated);
+  std::string text;
+  text.reserve(head.size() + tail().size());
+  text += head;
+  text += tail();
+  return text;
+}
+
+std::optional<std::string> ActivityAnswer::gzippedDocument(double generated) const {
+  if (tail().size() < kShort) return std::nullopt;
+  std::call_once(deflated_, [this] { deflated_tail_ = deflateTail(tail_); });
+  return gzipFile(documentHead(generated), deflated_tail_);
+}
+
+const std::string& ActivityAnswer::tail() const {
+  std::call_once(written_, [this] {
+    tail_ = documentTail(snapshot_);
+    snapshot_ = {};
+  });
+  return tail_;
+}
+
+}  // namespace spotserver
