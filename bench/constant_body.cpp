@@ -25,6 +25,7 @@ int serve(int port, const char* certificate, const char* key, const std::string&
   server.set_read_timeout(30, 0);
   server.set_write_timeout(30, 0);
   server.set_tcp_nodelay(true);
+  server.new_task_queue = [] { return new httplib::ThreadPool(64); };  // as many as the server has
   const auto route = [&server](const char* path, const std::string& body) {
     server.Get(path, [body](const auto&, auto& response) {
       response.set_content(body, "application/json");

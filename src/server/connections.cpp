@@ -372,6 +372,8 @@ struct Connections::Core {
   // OpenSSL calls this around every read and write of the socket, and as it lets go of it.
   static long onSocket(BIO* bio, int operation, const char* /*data*/, std::size_t /*length*/,
                        int /*argi*/, long /*argl*/, int result, std::size_t* processed) {
+    // Most calls only ask for the BIO's settings, dozens of them in every request.
+    if ((operation & ~BIO_CB_RETURN) == BIO_CB_CTRL) return result;
     auto& worker = *reinterpret_cast<Worker*>(BIO_get_callback_arg(bio));
     MutexLock lock(worker.core->mutex);
     auto& slot = worker.slot;

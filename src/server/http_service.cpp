@@ -76,16 +76,24 @@ void watchConnections(Server& server, Connections& connections) {
 
 }  // namespace
 
-std::string healthDocument(bool demo, double now, const std::string& fingerprint) {
-  std::string body = "{\"service\":\"corvane-spot-server\",\"version\":";
-  json_quote(body, kVersion);
-  body += ",\"mode\":";
-  json_quote(body, demo ? "demo" : "live");
-  body += ",\"server_time\":";
-  body += json_number(0, now);
-  body += ",\"fingerprint_sha256\":";
-  json_quote(body, fingerprint);
-  body += '}';
+HealthDocument::HealthDocument(bool demo, const std::string& fingerprint) {
+  head_ = "{\"service\":\"corvane-spot-server\",\"version\":";
+  json_quote(head_, kVersion);
+  head_ += ",\"mode\":";
+  json_quote(head_, demo ? "demo" : "live");
+  head_ += ",\"server_time\":";
+  tail_ = ",\"fingerprint_sha256\":";
+  json_quote(tail_, fingerprint);
+  tail_ += '}';
+}
+
+std::string HealthDocument::at(double now) const {
+  const std::string time = json_number(0, now);
+  std::string body;
+  body.reserve(head_.size() + time.size() + tail_.size());
+  body += head_;
+  body += time;
+  body += tail_;
   return body;
 }
 
@@ -123,11 +131,10 @@ HttpService::HttpService(const ServerSettings& settings, SpotStore& store, const
   server_->set_tcp_nodelay(true);
   server_->set_socket_options([](auto socket) { setReuseAddress(socket); });
 
-  server_->Get("/api/v1/health",
-               [demo = settings.demo, fingerprint](const auto& request, auto& response) {
-                 const auto now = static_cast<double>(std::time(nullptr));
-                 setJson(request, response, healthDocument(demo, now, fingerprint));
-               });
+  server_->Get("/api/v1/health", [health = HealthDocument(settings.demo, fingerprint)](
+                                     const auto& request, auto& response) {
+    setJson(request, response, health.at(static_cast<double>(std::time(nullptr))));
+  });
   const ActivityEndpoint endpoint{throttle_, token, store, settings.reload};
   server_->Get("/api/v1/activity", [endpoint](const auto& request, auto& response) {
     handleActivity(endpoint, request, response);

@@ -12,10 +12,20 @@
 
 namespace spotserver {
 
-// The health document at `now`, whole UTC epoch seconds.
+// The health document. All but the time stays the same while the service lives.
 //   {"service":"corvane-spot-server","version":"0.3.0","mode":"live","server_time":...,
 //    "fingerprint_sha256":"AB:..."}   in one line without blanks
-std::string healthDocument(bool demo, double now, const std::string& fingerprint);
+class HealthDocument {
+ public:
+  HealthDocument(bool demo, const std::string& fingerprint);
+
+  // `now` in whole UTC epoch seconds.
+  std::string at(double now) const;
+
+ private:
+  std::string head_;  // up to the time
+  std::string tail_;
+};
 
 // Settings, token, fingerprint and store outlive the service; settings, token and fingerprint do
 // not change while it lives.
