@@ -141,6 +141,7 @@ struct Connections::Core {
   WaitingLine jobs SPOT_GUARDED_BY(mutex);
   std::vector<std::unique_ptr<Worker>> workers;  // fixed once started
   std::size_t free_workers SPOT_GUARDED_BY(mutex) = 0;
+  bool watcher_sleeps SPOT_GUARDED_BY(mutex) = false;  // until there is a connection
   bool stopping SPOT_GUARDED_BY(mutex) = false;
   bool released SPOT_GUARDED_BY(mutex) = false;
   pthread_t watcher{};
@@ -198,7 +199,7 @@ struct Connections::Core {
       worker.slot = ConnectionSlot{};
       worker.slot.phase = Phase::kHandshake;
       worker.slot.since = Clock::now();
-      watch.notify_one();
+      if (watcher_sleeps) watch.notify_one();  // else it looks again soon by itself
       lock.unlock();
       serve(worker, job);
       job = nullptr;
@@ -233,7 +234,9 @@ struct Connections::Core {
     std::unique_lock lock(mutex.native());
     while (!released) {
       if (free_workers == workers.size() && jobs.empty()) {
+        watcher_sleeps = true;
         watch.wait(lock);
+        watcher_sleeps = false;
       } else {
         watch.wait_for(lock, kWatchInterval);
       }
@@ -247,10 +250,12 @@ struct Connections::Core {
 
   // Whether the job was taken.
   bool enqueue(Job job) {
-    MutexLock lock(mutex);
-    if (jobs.full()) return false;
-    jobs.push(std::move(job), Clock::now());
-    work.notify_one();
+    {
+      MutexLock lock(mutex);
+      if (jobs.full()) return false;
+      jobs.push(std::move(job), Clock::now());
+    }
+    work.notify_one();  // with the lock free for whom it wakes
     return true;
   }
 
