@@ -1,13 +1,17 @@
 #include "api/activity_cache.hpp"
 
+#include <atomic>
 #include <stdexcept>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "api/activity.hpp"
 #include "api/activity_document.hpp"
+#include "spots/spot_store.hpp"
 
 namespace spotserver {
 namespace {
@@ -83,6 +87,40 @@ TEST(ActivityAt, AFailedAnswerIsNotKept) {
   data.intervals = {{kNow - 15, "20m", 12}};
   EXPECT_THROW(activityAt(data, 2, 3, kNow), std::invalid_argument);
   EXPECT_THAT(data.cache, IsEmpty());
+}
+
+// The number behind "key": in a document.
+double numberOf(const std::string& document, const std::string& key) {
+  return std::stod(document.substr(document.find("\"" + key + "\":") + key.size() + 3));
+}
+
+TEST(ActivityAt, EveryAnswerIsWholeWhileTheDataMoves) {
+  constexpr int kMoves = 200;
+  SpotStore store;
+  std::atomic<bool> moving = true;
+  std::vector<std::jthread> phones;
+  for (int phone = 0; phone < 16; ++phone) {
+    phones.emplace_back([&, phone] {
+      double heard = 0;
+      for (bool last = false; !last;) {
+        last = !moving;
+        const double now = kNow + phone;
+        const auto answer = activityAt(*store.lock(), 6, 3, now);
+        const std::string document = answer->document(now);
+        EXPECT_EQ(numberOf(document, "generated"), now);
+        EXPECT_GE(numberOf(document, "window_unique_callsigns"), heard);
+        EXPECT_EQ(document.substr(document.size() - 12), ",\"bands\":[]}");
+        heard = numberOf(document, "window_unique_callsigns");
+      }
+      EXPECT_EQ(heard, kMoves);
+    });
+  }
+  for (int move = 0; move < kMoves; ++move) {
+    const auto held = store.lock();
+    hear(*held, "N" + std::to_string(move) + "CALL");
+    ++held->generation;
+  }
+  moving = false;
 }
 
 }  // namespace
