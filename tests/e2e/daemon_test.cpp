@@ -186,7 +186,7 @@ TEST(Daemon, BadPidDirectoryIsToldInTheLog) {
 TEST(Daemon, ClosedStandardDescriptorsAreNoObstacle) {
   const Station station;
   Launch launch = daemonLaunch(station);
-  launch.standard_descriptors_closed = true;
+  launch.closed_descriptors = {0, 1, 2};
   Process daemon = detach(station, launch);
   EXPECT_THAT(logOfAnsweringServer(station, station.workFile(kLogFile)), HasSubstr(kReady));
   EXPECT_EQ(procLink(daemon, "fd/0"), "/dev/null");

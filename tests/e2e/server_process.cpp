@@ -88,8 +88,10 @@ std::vector<char*> pointersTo(std::vector<std::string>& texts) {
   }
   // Nothing else that the tester happened to inherit.
   close_range(3, ~0U, 0);
-  if (launch.standard_descriptors_closed) {
-    for (const int fd : {0, 1, 2}) ::close(fd);
+  for (const int fd : launch.closed_descriptors) ::close(fd);
+  for (const auto& [resource, value] : launch.limits) {
+    const rlimit limit{value, value};
+    setrlimit(static_cast<__rlimit_resource_t>(resource), &limit);
   }
   execve(SPOT_SERVER_BINARY, arguments, environment);
   _exit(127);

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include <sys/resource.h>
 #include <sys/types.h>
 
 #include "server/owned.hpp"
@@ -18,7 +19,7 @@
 namespace spotserver::e2e {
 
 // How long a test waits for something that must happen. Far more than a healthy server needs.
-inline constexpr std::chrono::seconds kPatience{30};
+inline constexpr std::chrono::seconds kPatience{45};
 
 using Clock = std::chrono::steady_clock;
 
@@ -32,7 +33,8 @@ struct Launch {
   // Set on top of the tester's own environment, of which HOME, XDG_*, the locale and TZ are left
   // out.
   std::map<std::string, std::string> environment;
-  bool standard_descriptors_closed = false;  // 0, 1 and 2 are not open in the new process
+  std::vector<int> closed_descriptors;  // which of 0, 1 and 2 are not open in the new process
+  std::map<int, rlim_t> limits;         // RLIMIT_... to the value it gets, soft and hard
   // Standard output is full: the first word that the server prints holds it up until the tester
   // reads.
   bool output_full = false;

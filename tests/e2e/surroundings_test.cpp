@@ -52,7 +52,7 @@ TEST(Surroundings, CommaIsNoDecimalPointWhateverTheLocale) {
 TEST(Surroundings, ClosedStandardDescriptors) {
   const Station station;
   Launch launch = station.usualLaunch({"--pid-file", "spot.pid"});
-  launch.standard_descriptors_closed = true;
+  launch.closed_descriptors = {0, 1, 2};
   DirectoryWatch watch(station.work());
   ServerProcess server(launch);
   watch.awaitArrival("spot.pid");  // bound by then
@@ -71,7 +71,7 @@ TEST(Surroundings, ClosedStandardDescriptors) {
 TEST(Surroundings, FailureWithClosedDescriptorsStillHasItsStatus) {
   const Station station;
   Launch launch = station.launch({"--port", "0"});
-  launch.standard_descriptors_closed = true;
+  launch.closed_descriptors = {0, 1, 2};
   EXPECT_EQ(runToEnd(launch).status, 2);
 }
 
