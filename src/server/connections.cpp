@@ -11,11 +11,12 @@
 
 #include <openssl/bio.h>
 #include <poll.h>
-#include <pthread.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include "server/mutex.hpp"
+#include "server/stack_thread.hpp"
 
 namespace spotserver {
 namespace {
@@ -66,14 +67,21 @@ class WaitingLine {
   std::size_t count_ = 0;
 };
 
-bool startThread(pthread_t& thread, std::size_t stack, void* (*entry)(void*), void* argument) {
-  pthread_attr_t attributes;
-  if (pthread_attr_init(&attributes) != 0) return false;
-  pthread_attr_setstacksize(&attributes, stack);
-  const bool started = pthread_create(&thread, &attributes, entry, argument) == 0;
-  pthread_attr_destroy(&attributes);
-  return started;
-}
+// Address space that is left for the requests when as many threads as possible have taken theirs.
+class SpareMemory {
+ public:
+  SpareMemory() = default;
+  ~SpareMemory() {
+    if (begin_ != MAP_FAILED) ::munmap(begin_, kSize);
+  }
+  SpareMemory(const SpareMemory&) = delete;
+  SpareMemory& operator=(const SpareMemory&) = delete;
+
+ private:
+  static constexpr std::size_t kSize = std::size_t{64} << 20;
+  void* const begin_ =
+      ::mmap(nullptr, kSize, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+};
 
 // Tells the peer that nothing follows, then reads and drops what it still sends until it closes or
 // `patience` is over. Closing at once would answer its next bytes with a reset, and a reset makes
@@ -138,15 +146,22 @@ struct Connections::Core {
   std::condition_variable work;   // a job came, or the end
   std::condition_variable watch;  // a connection began, or the end
   std::condition_variable done;   // a worker left
+  std::condition_variable ended;  // a connection ended
+  std::condition_variable next;   // a deep request was parsed
   WaitingLine jobs SPOT_GUARDED_BY(mutex);
-  std::vector<std::unique_ptr<Worker>> workers;  // fixed once started
+  // Fixed once started; until then only the watcher looks, under the mutex.
+  std::vector<std::unique_ptr<Worker>> workers;
   std::size_t free_workers SPOT_GUARDED_BY(mutex) = 0;
   bool watcher_sleeps SPOT_GUARDED_BY(mutex) = false;  // until there is a connection
   bool stopping SPOT_GUARDED_BY(mutex) = false;
   bool released SPOT_GUARDED_BY(mutex) = false;
+  const ConnectionSlot* parsing SPOT_GUARDED_BY(mutex) = nullptr;  // the deep request
+  Time turn_end SPOT_GUARDED_BY(mutex){};
   pthread_t watcher{};
   bool has_watcher = false;
   std::atomic<bool> abandoned = false;
+  std::atomic<bool> accepting = true;
+  static_assert(std::atomic<bool>::is_always_lock_free);
 
   static thread_local Worker* current;  // the worker this thread is
 
@@ -154,26 +169,26 @@ struct Connections::Core {
 
   // --- threads ---
 
+  // The watcher first: without it nothing bounds what a connection may cost.
   void start() {
+    const SpareMemory spare;
     workers.reserve(limits.workers);
-    for (std::size_t i = 0; i < limits.workers; ++i) {
-      auto worker = std::make_unique<Worker>();
-      worker->core = this;
-      {
-        MutexLock lock(mutex);
-        ++free_workers;
-      }
-      if (!startThread(worker->thread, kWorkerStack, workerEntry, worker.get())) {
-        MutexLock lock(mutex);
-        --free_workers;
-        break;
-      }
-      workers.push_back(std::move(worker));
+    has_watcher = startThread(watcher, kWatcherStack, watcherEntry, this);
+    while (has_watcher && workers.size() < limits.workers && addWorker()) {
     }
     if (workers.empty()) {
       throw std::system_error(EAGAIN, std::generic_category(), "No worker thread");
     }
-    has_watcher = startThread(watcher, kWatcherStack, watcherEntry, this);
+  }
+
+  bool addWorker() {
+    auto worker = std::make_unique<Worker>();
+    worker->core = this;
+    MutexLock lock(mutex);  // the new worker waits for it
+    if (!startThread(worker->thread, kWorkerStack, workerEntry, worker.get())) return false;
+    workers.push_back(std::move(worker));
+    ++free_workers;
+    return true;
   }
 
   static void* workerEntry(void* argument) {
@@ -204,8 +219,10 @@ struct Connections::Core {
       serve(worker, job);
       job = nullptr;
       lock.lock();
+      parsed(worker.slot);
       worker.slot = ConnectionSlot{};
       ++free_workers;
+      ended.notify_one();
     }
     worker.left = true;
     done.notify_all();
@@ -250,6 +267,7 @@ struct Connections::Core {
 
   // Whether the job was taken.
   bool enqueue(Job job) {
+    awaitRoom();
     {
       MutexLock lock(mutex);
       if (jobs.full()) return false;
@@ -257,6 +275,15 @@ struct Connections::Core {
     }
     work.notify_one();  // with the lock free for whom it wakes
     return true;
+  }
+
+  // Beyond the bound the accept loop waits, so that descriptors are left for the station's files.
+  // Whoever ends it cannot notify: that is a signal handler.
+  void awaitRoom() SPOT_NO_THREAD_SAFETY_ANALYSIS {
+    std::unique_lock lock(mutex.native());
+    while (accepting && jobs.size() + workers.size() - free_workers >= limits.connections) {
+      ended.wait_for(lock, kWatchInterval);
+    }
   }
 
   // Called by the accept loop when it has ended.
@@ -322,6 +349,21 @@ struct Connections::Core {
     }
   }
 
+  // Keeps what all requests hold in memory within bounds. One within its share is never the cause.
+  void cutLargestRequest() SPOT_REQUIRES(mutex) {
+    std::size_t all = 0;
+    ConnectionSlot* largest = nullptr;
+    for (const auto& worker : workers) {
+      auto& slot = worker->slot;
+      all += slot.received;
+      if (!slot.cut && (!largest || slot.received > largest->received)) largest = &slot;
+    }
+    if (largest && all > limits.all_request_bytes && largest->received > requestShare()) {
+      cut(*largest);
+    }
+  }
+  std::size_t requestShare() const { return limits.all_request_bytes / limits.workers; }
+
   // When more connections have waited for a while than workers are about to be free, those that
   // have been idle longest give way. A connection between handshake and first request is idle too:
   // limits.idle gives it the time to ask.
@@ -349,7 +391,7 @@ struct Connections::Core {
     slot.phase = phase;
     slot.since = Clock::now();
     slot.writing_since.reset();
-    slot.received = 0;
+    if (phase == Phase::kIdle) slot.received = 0;
   }
 
   // OpenSSL calls this as a handshake begins and ends, on the worker's thread.
@@ -380,17 +422,27 @@ struct Connections::Core {
     // Most calls only ask for the BIO's settings, dozens of them in every request.
     if ((operation & ~BIO_CB_RETURN) == BIO_CB_CTRL) return result;
     auto& worker = *reinterpret_cast<Worker*>(BIO_get_callback_arg(bio));
-    MutexLock lock(worker.core->mutex);
-    auto& slot = worker.slot;
     const std::size_t bytes = result > 0 && processed ? *processed : 0;
+    const long outcome = worker.core->noteSocket(worker.slot, bio, operation, bytes, result);
+    const bool read = operation == (BIO_CB_READ | BIO_CB_RETURN) && bytes > 0;
+    if (read && worker.core->waitsForTurn(worker.slot)) worker.core->takeTurn(worker.slot);
+    return outcome;
+  }
+
+  // Returns what the callback is to return.
+  long noteSocket(ConnectionSlot& slot, BIO* bio, int operation, std::size_t bytes, int result) {
+    MutexLock lock(mutex);
     // A socket that was shut down still hands out what the peer goes on sending.
     if (slot.cut && (operation == BIO_CB_READ || operation == BIO_CB_WRITE)) {
       BIO_clear_retry_flags(bio);
       return -1;
     }
     switch (operation) {
+      case BIO_CB_READ:  // it was not parsed yet: more is needed
+        endTurn(slot);
+        break;
       case BIO_CB_READ | BIO_CB_RETURN:
-        if (bytes > 0) worker.core->received(slot, bytes);
+        if (bytes > 0) received(slot, bytes);
         break;
       case BIO_CB_WRITE:
         if (!slot.writing_since) slot.writing_since = Clock::now();
@@ -413,6 +465,41 @@ struct Connections::Core {
     if (slot.phase != Phase::kReading) return;
     slot.received += bytes;
     if (slot.received > limits.request_bytes) cut(slot);
+    if (slot.received > requestShare()) cutLargestRequest();
+  }
+
+  // --- deep requests ---
+
+  // The library may need half a kilobyte of stack for every byte of a header. Requests large
+  // enough for that to matter are parsed one at a time, and their workers give the stack back.
+  bool isDeep(const ConnectionSlot& slot) const SPOT_REQUIRES(mutex) {
+    return slot.received > limits.deep_request_bytes;
+  }
+  bool waitsForTurn(const ConnectionSlot& slot) {
+    MutexLock lock(mutex);
+    return slot.phase == Phase::kReading && isDeep(slot);
+  }
+
+  // Before the bytes just read go to the library. A turn ends by itself when the library does not
+  // parse but waits for more.
+  void takeTurn(const ConnectionSlot& slot) SPOT_NO_THREAD_SAFETY_ANALYSIS {
+    std::unique_lock lock(mutex.native());
+    while (!slot.cut && parsing && Clock::now() < turn_end) next.wait_until(lock, turn_end);
+    parsing = &slot;
+    turn_end = Clock::now() + limits.turn;
+  }
+
+  // On the slot's own worker, with nothing of the library's parser left on its stack.
+  void parsed(const ConnectionSlot& slot) SPOT_REQUIRES(mutex) {
+    if (!isDeep(slot)) return;
+    trimStack();
+    endTurn(slot);
+  }
+
+  void endTurn(const ConnectionSlot& slot) SPOT_REQUIRES(mutex) {
+    if (parsing != &slot) return;
+    parsing = nullptr;
+    next.notify_one();
   }
 };
 
@@ -422,7 +509,7 @@ Connections::Connections(const ConnectionLimits& limits, std::function<void()> o
     : core_(std::make_unique<Core>(limits, std::move(on_stopping))) {}
 
 Connections::~Connections() {
-  if (!core_->workers.empty() && !core_->hasStopped()) core_->stop();
+  if (core_->has_watcher && !core_->hasStopped()) core_->stop();
   if (!core_->abandoned) return;
   static std::atomic<Core*> left_behind;  // a worker still uses it
   left_behind = core_.release();
@@ -443,12 +530,15 @@ std::size_t Connections::inFlight() const {
   }));
 }
 
+void Connections::releaseAcceptLoop() noexcept { core_->accepting = false; }
+
 bool Connections::abandoned() const { return core_->abandoned; }
 
 void Connections::requestComplete() {
   if (!Core::current) return;
   auto& worker = *Core::current;
   MutexLock lock(worker.core->mutex);
+  worker.core->parsed(worker.slot);
   Core::enter(worker.slot, Phase::kServing);
 }
 
@@ -472,6 +562,7 @@ void Connections::answered() {
   const bool closing = closesAfterAnswer();
   if (closing) linger(worker.slot.fd, worker.slot.ssl, worker.core->limits.linger);
   MutexLock lock(worker.core->mutex);
+  worker.core->parsed(worker.slot);
   Core::enter(worker.slot, Phase::kIdle);
   if (closing) worker.core->cut(worker.slot);
 }

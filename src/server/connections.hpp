@@ -28,14 +28,19 @@ namespace spotserver {
 struct ConnectionLimits {
   using Duration = std::chrono::milliseconds;
   std::size_t workers = 64;
+  std::size_t connections = 1000;          // accepted at a time; further ones wait to be accepted
   Duration handshake{10'000};              // the whole TLS handshake
   Duration request{30'000};                // first byte to complete request head
   Duration write{30'000};                  // without taking a byte of the answer
   Duration idle{1'000};                    // idle for so long, it may have to give way to others
   std::size_t request_bytes = 256 * 1024;  // received before the request head is complete
-  Duration linger{1'000};                  // reading on after an answer given before the body
-  Duration drain{2'000};                   // for requests in flight when the service stops
-  Duration release{2'800};                 // for everything when the service stops
+  // Of all requests together, before the largest is cut. A header of four bytes takes a hundred.
+  std::size_t all_request_bytes = 512 * 1024;
+  std::size_t deep_request_bytes = 512;  // from here on requests are parsed one at a time
+  Duration turn{50};                     // each for so long at most
+  Duration linger{1'000};                // reading on after an answer given before the body
+  Duration drain{2'000};                 // for requests in flight when the service stops
+  Duration release{2'800};               // for everything when the service stops
 };
 
 enum class Phase { kFree, kHandshake, kIdle, kReading, kServing };
@@ -46,7 +51,7 @@ struct ConnectionSlot {
   Phase phase = Phase::kFree;
   Time since{};                       // when this phase began
   std::optional<Time> writing_since;  // when the write under way last moved
-  std::size_t received = 0;           // bytes since the first of the request
+  std::size_t received = 0;           // bytes of the request that is read or served
   int fd = -1;                        // -1 before TLS has the socket and after it let go
   SSL* ssl = nullptr;                 // the library's
   bool close_after_answer = false;
@@ -73,10 +78,14 @@ class Connections {
   void watch(SSL_CTX* context);
 
   // Starts the workers, as many of limits.workers as the system grants, and returns the task queue
-  // that feeds them. They inherit the caller's signal mask. The queue's shutdown ends the service:
-  // idle connections at once, requests in flight after limits.drain at the latest.
+  // that feeds them. They inherit the caller's signal mask. While limits.connections are open, the
+  // queue holds the accept loop up. Its shutdown ends the service: idle connections at once,
+  // requests in flight after limits.drain at the latest.
   // Once only. Throws std::system_error when not even one worker can be started.
   std::unique_ptr<httplib::TaskQueue> start();
+
+  // The accept loop is about to end: hold it up no longer. Async-signal-safe.
+  void releaseAcceptLoop() noexcept;
 
   // Requests of which a byte has come and the answer is not written yet.
   std::size_t inFlight() const;

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <future>
 #include <stdexcept>
+#include <system_error>
 
 #include <gtest/gtest.h>
 
@@ -84,6 +85,44 @@ TEST_F(ConnectionQueue, AJobThatThrowsLeavesItsWorkerAtWork) {
   }
   queue->shutdown();
   EXPECT_EQ(ran, 10);
+}
+
+TEST_F(ConnectionQueue, WithoutAnyWorkerItDoesNotStart) {
+  auto limits = smallLimits();
+  limits.workers = 0;
+  Connections connections{limits};
+  EXPECT_THROW(connections.start(), std::system_error);
+}
+
+// The accept loop is held up: a connection not yet accepted costs no descriptor.
+TEST_F(ConnectionQueue, BeyondTheBoundTheAcceptLoopWaits) {
+  auto limits = smallLimits();
+  limits.connections = 3;  // two with workers, one in line
+  Connections connections{limits};
+  const auto queue = connections.start();
+  std::promise<void> release;
+  const auto released = release.get_future().share();
+  for (int i = 0; i < 3; ++i) queue->enqueue([released] { released.wait(); });
+  auto fourth = std::async(std::launch::async, [&] { queue->enqueue([] {}); });
+  EXPECT_EQ(fourth.wait_for(200ms), std::future_status::timeout);
+  release.set_value();
+  fourth.get();
+  queue->shutdown();
+}
+
+TEST_F(ConnectionQueue, AnAcceptLoopThatEndsIsNotHeldUp) {
+  auto limits = smallLimits();
+  limits.connections = 1;
+  Connections connections{limits};
+  const auto queue = connections.start();
+  std::promise<void> release;
+  const auto released = release.get_future().share();
+  queue->enqueue([released] { released.wait(); });
+  auto second = std::async(std::launch::async, [&] { queue->enqueue([] {}); });
+  connections.releaseAcceptLoop();
+  second.get();
+  release.set_value();
+  queue->shutdown();
 }
 
 TEST_F(ConnectionQueue, AWorkerThatCannotBeStoppedIsLeftBehind) {

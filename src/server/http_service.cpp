@@ -5,6 +5,7 @@
 #include <ctime>
 #include <utility>
 
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -30,6 +31,32 @@ void limitDescriptors() {
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
   limit.rlim_cur = std::min(limit.rlim_cur, kMaxDescriptors);
   setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+// What the station's files may need at a time beside the connections: the log, the country file,
+// and SQLite's database, journals and temporary files.
+constexpr std::size_t kDescriptorsForFiles = 8;
+
+std::size_t freeDescriptors() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return 0;
+  std::size_t free = 0;
+  for (int fd = 0; fd < static_cast<int>(limit.rlim_cur); ++fd) {
+    if (::fcntl(fd, F_GETFD) < 0) ++free;
+  }
+  return free;
+}
+
+// As many connections as there are descriptors for beside the listener and the files. Under a tight
+// limit there are fewer workers, too: a connection must be able to wait where it is seen.
+ConnectionLimits withinDescriptors(ConnectionLimits limits) {
+  limitDescriptors();
+  const std::size_t free = freeDescriptors();
+  const std::size_t taken = kDescriptorsForFiles + 1;
+  limits.connections = std::min(limits.connections, std::max(free, taken + 2) - taken);
+  const std::size_t waiting = std::max<std::size_t>(1, limits.connections / 4);
+  limits.workers = std::min(limits.workers, limits.connections - waiting);
+  return limits;
 }
 
 // The address may be reused at once after a crash, but never shared by two servers.
@@ -104,24 +131,24 @@ class HttpService::Server : public httplib::SSLServer {
 
   void widenBacklog() { ::listen(svr_sock_, kBacklog); }
 
-  // The library's own stop() asserts that it is called once.
-  void takeListener() noexcept {
-    if (!is_running()) return;
+  // Whether it was there to be taken. The library's own stop() asserts that it is called once.
+  bool takeListener() noexcept {
+    if (!is_running()) return false;
     const auto listener = svr_sock_.exchange(INVALID_SOCKET);
-    if (listener == INVALID_SOCKET) return;
+    if (listener == INVALID_SOCKET) return false;
     ::shutdown(listener, SHUT_RDWR);
     ::close(listener);
+    return true;
   }
 };
 
 HttpService::HttpService(const ServerSettings& settings, SpotStore& store, const std::string& token,
                          const std::string& fingerprint, const ConnectionLimits& limits)
-    : connections_(limits, [&store] { store.interrupt(); }),
+    : connections_(withinDescriptors(limits), [&store] { store.interrupt(); }),
       server_(std::make_unique<Server>(settings.cert.c_str(), settings.key.c_str())),
       bind_address_(settings.bind),
       port_(settings.port) {
   std::signal(SIGPIPE, SIG_IGN);
-  limitDescriptors();
   if (!server_->is_valid()) return;
   watchConnections(*server_, connections_);
 
@@ -179,7 +206,9 @@ bool HttpService::serve(std::function<void()> on_running) {
   return server_->listen_after_bind();
 }
 
-void HttpService::stop() noexcept { server_->takeListener(); }
+void HttpService::stop() noexcept {
+  if (server_->takeListener()) connections_.releaseAcceptLoop();
+}
 
 std::size_t HttpService::inFlight() const { return connections_.inFlight(); }
 
