@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include "e2e/activity_model.hpp"
+#include "e2e/station.hpp"
 #include "hostile/service_fixture.hpp"
 
 namespace spotserver::hostile {
@@ -129,6 +131,42 @@ TEST(Connections, AnEndlessHeaderIsCutAtItsLimit) {
                    peer.send(header),
                std::runtime_error);
   EXPECT_EQ(service.health(), 200);
+}
+
+// Many bands make an answer of megabytes, more than the sockets between the two hold.
+TEST(Connections, APeerThatTakesNothingOfItsAnswerIsCut) {
+  Service service(smallLimits());
+  std::vector<e2e::Heard> decodes;
+  for (int n = 0; n < 300; ++n) {
+    decodes.push_back({e2e::wallClock() - 3600, "9." + std::to_string(100 + n), "FT8", ""});
+  }
+  service.writeLog(e2e::logText(decodes));
+  TlsClient peer(service.port());
+  peer.send(e2e::requestText("GET", std::string(e2e::kActivityPath) + "?hours=24",
+                             {{"X-Spot-Token", service.token()}}));
+  EXPECT_EQ(peer.peek(12), "HTTP/1.1 200");
+  awaitThat([&] { return service.inFlight() == 0; });
+  EXPECT_THROW(peer.receive(), std::runtime_error) << "the end of the answer never came";
+}
+
+// A deep request waits for its turn, but not for one that only pretends to come.
+TEST(Connections, LargeRequestsThatTrickleDoNotHoldUpAnother) {
+  auto limits = smallLimits();
+  limits.request = 20s;
+  Service service(limits);
+  std::deque<TlsClient> trickling;
+  const e2e::Headers large = {{"X-Large", std::string(2 * limits.deep_request_bytes, 'l')}};
+  std::string head = e2e::requestText("GET", e2e::kHealthPath, large);
+  head.resize(head.size() - 2);
+  for (std::size_t i = 0; i + 1 < kWorkers; ++i) trickling.emplace_back(service.port()).send(head);
+  awaitThat([&] { return service.inFlight() == kWorkers - 1; });
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_EQ(TlsClient(service.port()).request("GET", e2e::kHealthPath, large).status, 200);
+  }
+  for (auto& peer : trickling) {
+    peer.send("\r\n");
+    EXPECT_EQ(peer.receive().status, 200);
+  }
 }
 
 TEST(Connections, AnAbsurdRangeIsAnsweredAndTheServerGoesOn) {

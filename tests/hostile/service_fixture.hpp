@@ -7,6 +7,7 @@
 #include <future>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -59,6 +60,7 @@ class Service {
   SpotStore& store() { return store_; }
   std::size_t inFlight() const { return service_->inFlight(); }
   const std::string& token() const { return token_; }
+  void writeLog(std::string_view text) const { dir_.write("ALL.TXT", text); }
 
   // Whether the accept loop ended because it was stopped. Returns once everything is released.
   bool stop() {

@@ -1,0 +1,104 @@
+// What strangers without a token can make the server hold in memory.
+#include <future>
+
+#include <gtest/gtest.h>
+
+#include "e2e/station.hpp"
+#include "hostile/hostile_clients.hpp"
+#include "hostile/process_facts.hpp"
+#include "hostile/sanitized.hpp"
+
+namespace spotserver::hostile {
+namespace {
+
+using e2e::ServerProcess;
+using e2e::Station;
+using e2e::TlsClient;
+
+constexpr long long kGrowthLimit = 32 * 1024;  // KiB
+constexpr std::size_t kWorkers = 64;
+
+class Memory : public testing::Test {
+ protected:
+  Memory() {
+    // What a server needs for its first requests is not what is measured.
+    for (std::size_t i = 0; i < 2 * kWorkers; ++i) timeOfHealth(station_.port());
+    before_ = peakMemory(server_.pid());
+  }
+
+  int port() const { return station_.port(); }
+  void expectFlat(const std::string& what) const {
+    if (kSanitized) return;
+    EXPECT_LT(peakMemory(server_.pid()) - before_, kGrowthLimit) << "KiB more for " << what;
+  }
+
+  // Does it as often as there are workers, at once.
+  template <typename Work>
+  static void onAllWorkers(Work work) {
+    std::vector<std::future<void>> clients;
+    for (std::size_t i = 0; i < kWorkers; ++i) {
+      clients.push_back(std::async(std::launch::async, work));
+    }
+    for (auto& client : clients) client.get();
+  }
+
+ private:
+  Station station_;
+  ServerProcess server_ = station_.serve();
+  long long before_ = 0;
+};
+
+TEST_F(Memory, NoBodyIsUnpackedOrCollected) {
+  for (const HarmfulBody& body : harmfulBodies(256 << 20, 64 << 20)) {
+    SCOPED_TRACE(body.name);
+    const e2e::Response answer = send(body, port());
+    EXPECT_EQ(answer.status_line, "HTTP/1.1 404 Not Found");
+    EXPECT_EQ(answer.body, "{\"error\":\"not found\"}");
+    expectFlat(body.name);
+  }
+}
+
+// Sends `more` until the server has had enough; an attacker who is not cut gives up at 64 MiB.
+void sendEndlessly(int port, std::string_view begin, std::string_view more) {
+  TlsClient client(port);
+  const auto sendAll = [&] {
+    client.send(begin);
+    for (std::size_t sent = 0; sent < (std::size_t{64} << 20); sent += more.size()) {
+      client.send(more);
+    }
+  };
+  EXPECT_THROW(sendAll(), std::runtime_error);
+}
+
+TEST_F(Memory, EndlessRequestLinesOnAllWorkers) {
+  onAllWorkers([this] { sendEndlessly(port(), "GET /", std::string(4096, 'a')); });
+  expectFlat("endless request lines");
+}
+
+TEST_F(Memory, EndlessHeaderLinesOnAllWorkers) {
+  onAllWorkers([this] { sendEndlessly(port(), "GET / HTTP/1.1\r\nX: ", std::string(4096, 'b')); });
+  expectFlat("endless header lines");
+}
+
+// Four bytes on the wire take more than a hundred in the library's map of headers.
+TEST_F(Memory, EndlessRowsOfShortHeadersOnAllWorkers) {
+  std::string headers;
+  while (headers.size() < 4096) headers += "a:\r\n";
+  onAllWorkers([&] { sendEndlessly(port(), "GET / HTTP/1.1\r\n", headers); });
+  expectFlat("short headers");
+}
+
+// Each takes four megabytes of stack while it is matched.
+TEST_F(Memory, LongRangesOnAllWorkers) {
+  std::string many = "bytes=0-0";
+  while (many.size() < 8000) many += ",0-0";
+  onAllWorkers([&] {
+    for (const std::string& range : {many, "bytes=" + std::string(8000, '1') + "-"}) {
+      TlsClient(port()).request("GET", e2e::kHealthPath, {{"Range", range}});
+    }
+  });
+  expectFlat("long ranges");
+}
+
+}  // namespace
+}  // namespace spotserver::hostile
