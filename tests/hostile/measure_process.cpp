@@ -130,6 +130,7 @@ void signals(Report& report) {
 void stacks(Report& report) {
   std::string many = "bytes=0-0";
   while (many.size() < 8100) many += ",0-0";
+  const std::string one = "bytes=" + std::string(8100, '1') + "-";
   const std::pair<const char*, rlim_t> limits[] = {
       {"1 MiB", 1 << 20}, {"2 MiB", 2 << 20}, {"8 MiB", 8 << 20}, {"unlimited", RLIM_INFINITY}};
   for (const auto& [name, limit] : limits) {
@@ -140,7 +141,7 @@ void stacks(Report& report) {
     server.awaitOutput(e2e::kReady);
     int answered = 0;
     for (int i = 0; i < 100; ++i) {
-      station.get(e2e::kHealthPath, {{"Range", i % 2 == 0 ? many : std::string(8100, '1')}});
+      station.get(e2e::kHealthPath, {{"Range", i % 2 == 0 ? many : one}});
       if (station.get(e2e::kHealthPath).status == 200) ++answered;
     }
     report.all(std::string("served after a long Range, stack ") + name, answered, 100);
