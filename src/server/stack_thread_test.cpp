@@ -14,11 +14,11 @@ namespace {
 constexpr std::size_t kStack = std::size_t{4} << 20;
 constexpr std::size_t kDeep = std::size_t{1} << 20;
 
-// Takes kDeep bytes of stack; returns the address of the lowest.
-[[gnu::noinline]] std::uintptr_t goDeep() {
+// Takes kDeep bytes of stack and notes the address of the lowest.
+[[gnu::noinline]] void goDeep(std::uintptr_t& lowest) {
   volatile char taken[kDeep];
   for (std::size_t i = 0; i < kDeep; i += 1024) taken[i] = 1;
-  return reinterpret_cast<std::uintptr_t>(&taken[0]);
+  lowest = reinterpret_cast<std::uintptr_t>(&taken[0]);
 }
 
 // How many of the kDeep bytes from `begin` on are in memory.
@@ -41,11 +41,12 @@ TEST(StackThread, GivesBackWhatADeepCallHasTaken) {
   pthread_t thread{};
   const auto work = [](void* argument) -> void* {
     auto& result = *static_cast<Measured*>(argument);
-    const auto deep = goDeep();
+    std::uintptr_t deep = 0;
+    goDeep(deep);
     result.before = residentBytes(deep);
     trimStack();
     result.after = residentBytes(deep);
-    goDeep();  // and may go deep again
+    goDeep(deep);  // and may go deep again
     return nullptr;
   };
   ASSERT_TRUE(startThread(thread, kStack, work, &measured));

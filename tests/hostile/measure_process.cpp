@@ -149,7 +149,7 @@ void stacks(Report& report) {
 }
 
 void threads(Report& report) {
-  for (const rlim_t mebibytes : {320, 512, 768}) {
+  for (const rlim_t mebibytes : {rlim_t{320}, rlim_t{512}, rlim_t{768}}) {
     const Station station;
     Launch launch = station.usualLaunch();
     launch.limits[RLIMIT_AS] = mebibytes << 20;

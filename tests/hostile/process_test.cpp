@@ -2,6 +2,7 @@
 #include <csignal>
 #include <filesystem>
 #include <random>
+#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -80,7 +81,6 @@ class FewDescriptors : public testing::Test {
   static constexpr rlim_t kDescriptors = 64;
   static constexpr std::size_t kPeers = 200;
   static constexpr int kDecodesOfHistory = 10;
-  static constexpr int kDecodesOfLog = 1;
 
   FewDescriptors() {
     const std::int64_t time = e2e::wallClock() - 600;
@@ -93,10 +93,17 @@ class FewDescriptors : public testing::Test {
     server_->awaitOutput(e2e::kReady);
   }
 
-  // Silent peers, as many of them accepted as ever will be.
+  // Silent peers, as many of them accepted as ever will be: their number has come to rest.
   Crowd crowd() {
     Crowd peers(Crowd::Kind::kSilent, station_.port(), kPeers);
-    awaitThat([&] { return openDescriptors(*server_) + 8 >= kDescriptors; });
+    std::size_t open = 0;
+    int looks_alike = 0;
+    awaitThat([&] {
+      std::this_thread::sleep_for(10ms);
+      const std::size_t before = std::exchange(open, openDescriptors(*server_));
+      looks_alike = open == before ? looks_alike + 1 : 0;
+      return open > kDescriptors / 2 && looks_alike == 20;
+    });
     return peers;
   }
 
@@ -109,16 +116,15 @@ class FewDescriptors : public testing::Test {
 };
 
 TEST_F(FewDescriptors, TheStationsFilesStayReadable) {
+  const std::string request = e2e::requestText("GET", e2e::kActivityPath, e2e::bearer(e2e::kToken));
   TlsClient phone(station().port());
-  const auto ask = [&] {
-    return phone.request("GET", e2e::kActivityPath, e2e::bearer(e2e::kToken)).body;
-  };
-  EXPECT_EQ(e2e::numberOf(ask(), "window_spots"), kDecodesOfHistory);
+  phone.send(request.substr(0, request.size() - 2));  // keeps its place while the crowd comes
   const Crowd peers = crowd();
-  station().appendLog(e2e::logLine({e2e::wallClock() - 60, "7.074", "FT8", "K2ABC"}));
-  const std::string answer = ask();
+  station().appendLog(e2e::logLine({e2e::wallClock() - 60, "14.074", "FT8", "K2ABC"}));
+  phone.send(request.substr(request.size() - 2));
+  const std::string answer = phone.receive().body;
   EXPECT_EQ(e2e::numberOf(answer, "window_spots"), kDecodesOfHistory) << "history in use";
-  EXPECT_EQ(e2e::numberOf(answer, "unique_callsigns"), 1) << answer;
+  EXPECT_EQ(e2e::numberOf(answer, "window_unique_callsigns"), 2) << "log read to its end";
 }
 
 TEST_F(FewDescriptors, ServesAgainAsSoonAsTheCrowdHasLeft) {
@@ -214,7 +220,7 @@ TEST(Port, ThreeHundredMayConnectAtOnce) {
   const auto begin = Clock::now();
   {
     const Crowd peers(Crowd::Kind::kSilent, station.port(), 300);
-    EXPECT_LT(Clock::now() - begin, 1s) << "a full line makes a client try again after a second";
+    EXPECT_LT(Clock::now() - begin, 10s) << "whom a full line turns away tries for minutes";
   }
   server.signal(SIGCONT);
   expectServes(station);
