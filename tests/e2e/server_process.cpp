@@ -16,6 +16,7 @@
 #include <poll.h>
 #include <sys/inotify.h>
 #include <sys/prctl.h>
+#include <sys/ptrace.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -93,23 +94,9 @@ std::vector<char*> pointersTo(std::vector<std::string>& texts) {
     const rlimit limit{value, value};
     setrlimit(static_cast<__rlimit_resource_t>(resource), &limit);
   }
+  if (launch.traced) ptrace(PTRACE_TRACEME);
   execve(SPOT_SERVER_BINARY, arguments, environment);
   _exit(127);
-}
-
-pid_t spawn(const Launch& launch, int output, int errors) {
-  prctl(PR_SET_CHILD_SUBREAPER, 1);
-  std::vector<std::string> arguments = {kCommandName};
-  arguments.insert(arguments.end(), launch.arguments.begin(), launch.arguments.end());
-  std::vector<std::string> environment = environmentOf(launch);
-  auto argument_pointers = pointersTo(arguments);
-  auto environment_pointers = pointersTo(environment);
-  const pid_t pid = fork();
-  if (pid < 0) fail("fork");
-  if (pid == 0) {
-    becomeServer(launch, argument_pointers.data(), environment_pointers.data(), output, errors);
-  }
-  return pid;
 }
 
 // Appends what one read gives; false at the end of the pipe, which is then closed.
@@ -145,6 +132,21 @@ std::optional<Fd> bindLoopback(int kind, int port) {
 }
 
 }  // namespace
+
+pid_t spawn(const Launch& launch, int output, int errors) {
+  prctl(PR_SET_CHILD_SUBREAPER, 1);
+  std::vector<std::string> arguments = {kCommandName};
+  arguments.insert(arguments.end(), launch.arguments.begin(), launch.arguments.end());
+  std::vector<std::string> environment = environmentOf(launch);
+  auto argument_pointers = pointersTo(arguments);
+  auto environment_pointers = pointersTo(environment);
+  const pid_t pid = fork();
+  if (pid < 0) fail("fork");
+  if (pid == 0) {
+    becomeServer(launch, argument_pointers.data(), environment_pointers.data(), output, errors);
+  }
+  return pid;
+}
 
 int millisecondsUntil(Clock::time_point deadline) {
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();

@@ -38,6 +38,8 @@ struct Launch {
   // Standard output is full: the first word that the server prints holds it up until the tester
   // reads.
   bool output_full = false;
+  // Stops at its first instruction, as a tracee of the starting thread.
+  bool traced = false;
 };
 
 inline constexpr const char* kCommandName = "corvane-spot-server";
@@ -65,6 +67,10 @@ class Process {
  private:
   pid_t pid_ = -1;
 };
+
+// The bare process, with its standard output and errors on these descriptors: for a test that
+// watches over it in a way of its own.
+pid_t spawn(const Launch& launch, int output, int errors);
 
 // A descriptor that stands for the process and becomes readable when it ends.
 Fd pidfdOf(pid_t pid);

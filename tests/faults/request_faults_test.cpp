@@ -1,0 +1,265 @@
+// A running server in which calls fail during one request: the answer is that of a moment shortly
+// before or after, or a failure told as such, and the next one is right.
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <filesystem>
+#include <optional>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "e2e/activity_model.hpp"
+#include "faults/fault_driver.hpp"
+#include "faults/made_identity.hpp"
+#include "faults/sanitizers.hpp"
+#include "history_file.hpp"
+
+namespace spotserver::faults {
+namespace {
+
+using e2e::expectedDocument;
+using e2e::expectedFromLog;
+using e2e::generatedAt;
+using e2e::Heard;
+using e2e::ServerProcess;
+using e2e::Slot;
+using e2e::Station;
+
+namespace fs = std::filesystem;
+
+// How many requests under each fault a plain test run makes.
+constexpr long kFew = 40;
+
+// After so many requests the station begins anew: the plain model of its answers takes its time.
+constexpr int kRequestsPerStation = 40;
+
+const Fault kFaults[] = {
+    {"allocation", Call::kAllocate, ENOMEM},
+    {"allocation", Call::kAllocate, ENOMEM, true},
+    {"open: input/output error", Call::kOpen, EIO},
+    {"open: too many open files", Call::kOpen, EMFILE, true},
+    {"open: interrupted", Call::kOpen, EINTR},
+    {"read: input/output error", Call::kRead, EIO},
+    {"read: input/output error", Call::kRead, EIO, true},
+    {"read: interrupted", Call::kRead, EINTR},
+    {"read: short", Call::kRead, kShort},
+    {"read: short", Call::kRead, kShort, true},
+    {"close: input/output error", Call::kClose, EIO},
+    {"close: interrupted", Call::kClose, EINTR, true},
+    {"stat: input/output error", Call::kStat, EIO},
+    {"stat: input/output error", Call::kStat, EIO, true},
+};
+
+// The answer to a request during which the server may have been unable to answer at all. Nothing:
+// it closed the connection, or told the failure.
+std::optional<std::string> bodyOf(const Station& station, const char* path) {
+  e2e::Response response;
+  try {
+    response = station.get(path, e2e::bearer(e2e::kToken));
+  } catch (const std::runtime_error& error) {
+    // A server that is silent for good is none that closed the connection.
+    EXPECT_EQ(std::string(error.what()).find("silent"), std::string::npos) << error.what();
+    return std::nullopt;
+  }
+  if (response.status == 200) return response.body;
+  EXPECT_EQ(response.status, 500);
+  EXPECT_EQ(response.body, "");
+  return std::nullopt;
+}
+
+// What a station knows.
+struct Moment {
+  std::vector<Slot> slots;
+  std::vector<Heard> heard;
+};
+
+// Whether `body` is what `model` computes for a time in the minute in which `body` was generated:
+// within its minute an answer is used again with a new time at its head.
+template <typename Model>
+bool isOfThisMinute(const std::string& body, Model model) {
+  const std::int64_t now = generatedAt(body);
+  const auto behindTime = [](const std::string& document) {
+    return document.substr(document.find(','));
+  };
+  for (std::int64_t time = now; time >= now / 60 * 60; --time) {
+    if (behindTime(body) == behindTime(model(time))) return true;
+  }
+  return false;
+}
+
+bool shows(const std::string& body, const Moment& moment) {
+  return isOfThisMinute(body, [&](std::int64_t time) {
+    return expectedDocument({}, time, moment.slots, moment.heard);
+  });
+}
+
+bool showsLog(const std::string& body, const std::vector<Heard>& heard) {
+  return isOfThisMinute(body, [&](std::int64_t time) { return expectedFromLog({}, time, heard); });
+}
+
+// A station whose files change before every request.
+class ChangingStation {
+ public:
+  ChangingStation(const MadeIdentity& identity, bool with_history, const std::string& reload)
+      : faults_(station_.home() + "/faults") {
+    identity.giveTo(station_);
+    fs::create_directories(station_.stateDir());
+    if (with_history) history_.emplace(station_.stateDir() + "/history.sqlite3");
+    first_ = e2e::wallClock() / 60 * 60 - 3600;
+    change();
+    server_.emplace(faults_.under(
+        station_.usualLaunch({"--reload", reload, "--history-db",
+                              with_history ? station_.stateDir() + "/history.sqlite3" : "off"})));
+    server_->awaitOutput(e2e::kReady);
+    station_.activity();  // whatever is done once is done
+    station_.get(e2e::kHealthPath);
+  }
+
+  // Another decode in the log, another minute in the history, another time on the country file.
+  void change() {
+    const std::int64_t time = first_ + 60 * changes_++;
+    heard_.push_back({time, "14.074", "FT8", "K1ABC"});
+    station_.appendLog(logLine(heard_.back()));
+    fs::last_write_time(station_.countryFile(),
+                        fs::file_time_type::clock::now() - std::chrono::seconds(1000 - changes_));
+    if (!history_) return;
+    // Late enough to be within the minutes that are read again, on a channel of its own.
+    const std::int64_t minute = e2e::wallClock() / 60 - 2;
+    const std::int64_t hertz = 14'000'000 + 5000 * changes_;
+    history_->add({.frequency = hertz, .minute = minute, .mask = 1, .counts = countsBlob({3})});
+    slots_.push_back({static_cast<double>(minute * 60), 15,
+                      std::to_string(static_cast<double>(hertz) / 1e6), 3});
+  }
+
+  // One request for `path` with the fault at `due`, and one for the activity without it.
+  void request(const Fault& fault, long due, const char* path) {
+    faults_.arm(fault, due);
+    const auto body = bodyOf(station_, path);
+    faults_.disarm();
+    if (body && path == std::string(e2e::kActivityPath)) expectMomentOf(*body);
+    expectRight(station_.activity().body);
+  }
+
+  void stop() {
+    server_->signal(SIGTERM);
+    EXPECT_EQ(server_->waitForExit(), 0);
+    EXPECT_EQ(server_->errors(), "");
+  }
+
+  FaultSwitch& faults() { return faults_; }
+  int changes() const { return changes_; }
+
+ private:
+  // What is known without the newest `slots` and `heard` of them; of the one sender the latest
+  // decode.
+  Moment without(std::ptrdiff_t slots, std::ptrdiff_t heard) const {
+    Moment moment;
+    if (history_) moment.slots.assign(slots_.begin(), slots_.end() - slots);
+    if (std::ssize(heard_) > heard) moment.heard.push_back(*(heard_.end() - 1 - heard));
+    return moment;
+  }
+
+  void expectRight(const std::string& body) const {
+    const bool right = history_ ? shows(body, without(0, 0)) : showsLog(body, heard_);
+    EXPECT_TRUE(right) << body;
+  }
+
+  // The document of a moment before or after any of the changes. When the history could not be
+  // read, the log alone tells, from then on.
+  void expectMomentOf(const std::string& body) const {
+    if (!history_) {
+      const std::vector<Heard> before(heard_.begin(), heard_.end() - 1);
+      EXPECT_TRUE(showsLog(body, before) || showsLog(body, heard_)) << body;
+      return;
+    }
+    const Moment before = without(1, 1);
+    const Moment after = without(0, 0);
+    const auto latest = e2e::slotsOfLog({heard_.back()}, {}, generatedAt(body));
+    const Moment possible[] = {without(0, 0),         without(0, 1),      without(1, 0),    before,
+                               {latest, after.heard}, {{}, before.heard}, {{}, after.heard}};
+    EXPECT_TRUE(std::any_of(std::begin(possible), std::end(possible), [&](const Moment& moment) {
+      return shows(body, moment);
+    })) << body;
+  }
+
+  Station station_;
+  FaultSwitch faults_;
+  std::optional<HistoryFile> history_;
+  std::optional<ServerProcess> server_;
+  std::int64_t first_ = 0;
+  int changes_ = 0;
+  std::vector<Heard> heard_;
+  std::vector<Slot> slots_;
+};
+
+struct Scenario {
+  const char* name;
+  const char* path;
+  bool with_history;
+  const char* reload;
+};
+
+class FaultsInARequest : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (kSanitized) GTEST_SKIP() << "the sanitizers' own library takes the place of ours";
+  }
+
+  void failEverywhere(const Scenario& scenario, const Fault& fault) const {
+    const std::string what = std::string(scenario.name) + ", " + describe(fault);
+    SCOPED_TRACE(what);
+    long struck = 0;
+    std::optional<ChangingStation> station;
+    const auto begin = [&] {
+      if (station) station->stop();
+      station.reset();
+      station.emplace(identity_, scenario.with_history, scenario.reload);
+    };
+    const bool changing = scenario.reload == std::string("0");
+    begin();
+    if (changing) station->change();
+    station->request({fault.name, fault.call, 0}, 0, scenario.path);
+    for (const long place : Places(what, station->faults().seen(), kFew)) {
+      SCOPED_TRACE(place);
+      if (changing) {
+        if (station->changes() >= kRequestsPerStation) begin();
+        station->change();
+      }
+      station->request(fault, place, scenario.path);
+      struck += station->faults().struck() ? 1 : 0;
+      if (testing::Test::HasFailure()) return;
+    }
+    station->stop();
+    if (struck > 0) std::printf("%s: %ld struck\n", what.c_str(), struck);
+  }
+
+  const MadeIdentity identity_;
+};
+
+TEST_F(FaultsInARequest, RefreshFromTheLog) {
+  for (const Fault& fault : kFaults) {
+    failEverywhere({"refresh from the log", e2e::kActivityPath, false, "0"}, fault);
+  }
+}
+
+TEST_F(FaultsInARequest, RefreshFromTheHistory) {
+  for (const Fault& fault : kFaults) {
+    failEverywhere({"refresh from the history", e2e::kActivityPath, true, "0"}, fault);
+  }
+}
+
+TEST_F(FaultsInARequest, AnswerWithoutARefresh) {
+  for (const Fault& fault : kFaults) {
+    failEverywhere({"answer", e2e::kActivityPath, false, "3600"}, fault);
+  }
+}
+
+TEST_F(FaultsInARequest, Health) {
+  for (const Fault& fault : kFaults) {
+    failEverywhere({"health", e2e::kHealthPath, false, "3600"}, fault);
+  }
+}
+
+}  // namespace
+}  // namespace spotserver::faults
