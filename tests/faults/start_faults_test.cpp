@@ -11,8 +11,8 @@
 #include "e2e/activity_model.hpp"
 #include "faults/fault_driver.hpp"
 #include "faults/made_identity.hpp"
-#include "faults/sanitizers.hpp"
 #include "file_facts.hpp"
+#include "sanitizers.hpp"
 
 namespace spotserver::faults {
 namespace {

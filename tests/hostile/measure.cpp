@@ -16,7 +16,7 @@ std::string text(double value, std::string_view unit) {
 
 std::vector<Subject> allSubjects() {
   std::vector<Subject> all;
-  for (auto* group : {connectionSubjects, processSubjects}) {
+  for (auto* group : {connectionSubjects, processSubjects, fileSubjects}) {
     const auto subjects = group();
     all.insert(all.end(), subjects.begin(), subjects.end());
   }

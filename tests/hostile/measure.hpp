@@ -42,5 +42,6 @@ struct Subject {
 // measure.cpp.
 std::vector<Subject> connectionSubjects();
 std::vector<Subject> processSubjects();
+std::vector<Subject> fileSubjects();
 
 }  // namespace spotserver::hostile

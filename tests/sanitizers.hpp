@@ -1,8 +1,8 @@
 // Whether this build is one of a sanitizer, whose library must come first and brings its own
-// allocator: nothing can be preloaded then.
+// allocator: nothing can be preloaded then, and memory is no measure.
 #pragma once
 
-namespace spotserver::faults {
+namespace spotserver {
 
 #ifndef __has_feature  // Clang's way to tell; GCC has the macros
 #define __has_feature(feature) 0
@@ -14,4 +14,4 @@ inline constexpr bool kSanitized = true;
 inline constexpr bool kSanitized = false;
 #endif
 
-}  // namespace spotserver::faults
+}  // namespace spotserver

@@ -1,0 +1,44 @@
+// Asks for the health of a server over and over while something else happens to it.
+#pragma once
+
+#include <atomic>
+#include <exception>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "hostile/hostile_clients.hpp"
+
+namespace spotserver::hostile {
+
+//   HealthWatch health(station.port());
+//   ... something slow ...
+//   EXPECT_LT(quantile(health.end(), 0.99), 500ms);
+class HealthWatch {
+ public:
+  explicit HealthWatch(int port)
+      : thread_([this, port](const std::stop_token& stop) {
+          try {
+            // Each before it is asked whether there is another: one sample at least.
+            do times_.push_back(timeOfHealth(port));
+            while (!stop.stop_requested());
+          } catch (...) {
+            failure_ = std::current_exception();
+          }
+        }) {}
+
+  // Stops asking; returns what each answer took. Throws when one failed.
+  std::vector<Milliseconds> end() {
+    thread_.request_stop();
+    thread_.join();
+    if (failure_) std::rethrow_exception(failure_);
+    return times_;
+  }
+
+ private:
+  std::vector<Milliseconds> times_;
+  std::exception_ptr failure_;
+  std::jthread thread_;  // last: it uses the others
+};
+
+}  // namespace spotserver::hostile
