@@ -411,6 +411,7 @@ struct Connections::Core {
     worker.slot.ssl = const_cast<SSL*>(ssl);  // OpenSSL only hides that it is ours to use
     worker.slot.fd = SSL_get_fd(ssl);
     BIO* bio = SSL_get_rbio(ssl);
+    if (bio == nullptr) return;  // no memory for it: the handshake fails at once
     BIO_set_callback_arg(bio, reinterpret_cast<char*>(&worker));
     BIO_set_callback_ex(bio, onSocket);
     if (stopping || worker.slot.cut) cut(worker.slot);

@@ -138,7 +138,13 @@ class ChangingStation {
     const auto body = bodyOf(station_, path);
     faults_.disarm();
     if (body && path == std::string(e2e::kActivityPath)) expectMomentOf(*body);
-    expectRight(station_.activity().body);
+    try {
+      expectRight(station_.activity().body);
+    } catch (const std::runtime_error& error) {
+      server_->signal(SIGTERM);
+      const int status = server_->waitForExit();
+      ADD_FAILURE() << error.what() << "; status " << status << ", " << server_->errors();
+    }
   }
 
   void stop() {
