@@ -74,7 +74,12 @@ class Places {
 };
 
 // How a run went on.
-enum class Ending { kServing, kRefused, kAborted };
+enum class Ending {
+  kServing,
+  kRefused,  // it told why and ended
+  kAborted,  // without memory even for that
+  kUnheard,  // it runs, but closes every connection: OpenSSL lacks what it had no memory for
+};
 
 // What became of many runs; printed when it goes.
 class Tally {
@@ -87,7 +92,7 @@ class Tally {
 
  private:
   std::string what_;
-  long counts_[3] = {};
+  long counts_[4] = {};
 };
 
 // Waits until the server serves or has ended. Throws when it does neither in time, and when it ends
