@@ -51,7 +51,7 @@ std::size_t fill(const Fd& pipe) {
 }
 
 bool belongsToTheUser(std::string_view variable) {
-  for (const std::string_view name : {"HOME=", "XDG_", "LC_", "LANG", "TZ="}) {
+  for (const std::string_view name : {"HOME=", "XDG_"}) {
     if (variable.substr(0, name.size()) == name) return true;
   }
   return false;

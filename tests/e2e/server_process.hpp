@@ -30,8 +30,8 @@ int millisecondsUntil(Clock::time_point deadline);
 struct Launch {
   std::vector<std::string> arguments;  // behind argv[0], which is kCommandName
   std::string directory;               // working directory
-  // Set on top of the tester's own environment, of which HOME, XDG_*, the locale and TZ are left
-  // out.
+  // Set on top of the tester's own environment, of which HOME and XDG_* are left out. Locale and
+  // time zone pass through: in none of them may a test end differently.
   std::map<std::string, std::string> environment;
   std::vector<int> closed_descriptors;  // which of 0, 1 and 2 are not open in the new process
   std::map<int, rlim_t> limits;         // RLIMIT_... to the value it gets, soft and hard
