@@ -1,8 +1,10 @@
-# What run.sh and test.sh share; sourced by them after they have set `checkout`.
+# What run.sh, test.sh and the scripts in tools/ share; sourced by them after they have set
+# `checkout`.
 
 build=$checkout/build
 build_packages=(g++ make cmake pkgconf libcpp-httplib-dev libssl-dev libsqlite3-dev
   zlib1g-dev libbrotli-dev)
+test_packages=(libgtest-dev libgmock-dev)
 
 # Messages go to standard error: standard output belongs to the server.
 say() { printf '%s\n' "$*" >&2; }
@@ -63,4 +65,16 @@ configure() {
 # shellcheck disable=SC2120
 build() {
   cmake --build "$build" --parallel "$(nproc)" ${1+--target "$@"} >&2
+}
+
+# From here on `build` means the folder of this preset, which is configured.
+use_preset() {
+  build=$checkout/build-$1
+  (cd -- "$checkout" && cmake --preset "$1") >&2
+}
+
+# Minutes, a fraction allowed, as whole seconds.
+in_seconds() {
+  awk -v minutes="$1" 'BEGIN { if (minutes <= 0) exit 1; print int(minutes * 60 + 0.5) }' ||
+    { say "Not a number of minutes: $1"; exit 2; }
 }

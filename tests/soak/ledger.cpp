@@ -1,0 +1,69 @@
+#include "soak/ledger.hpp"
+
+namespace spotserver::soak {
+namespace {
+
+template <typename T>
+std::vector<T> slice(const std::vector<T>& all, std::size_t begin, std::size_t end) {
+  return {all.begin() + static_cast<std::ptrdiff_t>(begin),
+          all.begin() + static_cast<std::ptrdiff_t>(end)};
+}
+
+}  // namespace
+
+void Ledger::announceLine(const e2e::Heard& line, bool counts) {
+  const MutexLock held(mutex_);
+  lines_.push_back(line);
+  if (counts) heard_.push_back(line);
+  announce(versions_.back().log_begin);
+}
+
+void Ledger::announceSlots(const std::vector<e2e::Slot>& slots) {
+  const MutexLock held(mutex_);
+  slots_.insert(slots_.end(), slots.begin(), slots.end());
+  announce(versions_.back().log_begin);
+}
+
+void Ledger::announceEmptyLog() {
+  const MutexLock held(mutex_);
+  announce(lines_.size());
+}
+
+void Ledger::announceWholeLog(const std::vector<e2e::Heard>& known_again) {
+  const MutexLock held(mutex_);
+  heard_.insert(heard_.end(), known_again.begin(), known_again.end());
+  announce(0);
+}
+
+void Ledger::settle() {
+  const MutexLock held(mutex_);
+  settled_ = versions_.size() - 1;
+}
+
+std::size_t Ledger::settled() const {
+  const MutexLock held(mutex_);
+  return settled_;
+}
+
+std::size_t Ledger::announced() const {
+  const MutexLock held(mutex_);
+  return versions_.size() - 1;
+}
+
+Contents Ledger::at(std::size_t number) const {
+  const MutexLock held(mutex_);
+  const Version& version = versions_.at(number);
+  return {slice(lines_, version.log_begin, version.log_end), slice(heard_, 0, version.heard_end),
+          slice(slots_, 0, version.slots_end)};
+}
+
+std::vector<e2e::Heard> Ledger::lines() const {
+  const MutexLock held(mutex_);
+  return lines_;
+}
+
+void Ledger::announce(std::size_t log_begin) {
+  versions_.push_back({log_begin, lines_.size(), heard_.size(), slots_.size()});
+}
+
+}  // namespace spotserver::soak

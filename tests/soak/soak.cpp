@@ -1,0 +1,216 @@
+// Runs the built server under everything at once, for as long as one likes, and checks each of its
+// answers.
+//
+//   soak --seconds N [--clients N] [--rate N] [--seed N]
+//
+// Two servers read one station whose files change all the time: one with its history, one with the
+// log alone. Half of the clients ask either. Prints what it saw; the exit status is 0 when every
+// document was right, nothing failed, descriptors and threads are as many as at the begin, both
+// servers ended by themselves and, in a run of twenty minutes or more, memory stayed level.
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <deque>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include "soak/living_station.hpp"
+#include "soak/phones.hpp"
+#include "soak/process_watch.hpp"
+
+namespace spotserver::soak {
+namespace {
+
+using std::chrono::milliseconds;
+
+struct Options {
+  double seconds = 60;
+  double clients = 50;
+  double rate = 200;  // requests a second, all clients together
+  double seed = 1;
+};
+
+constexpr double kLevelKbPerHour = 1024;
+constexpr double kJudgedFrom = 1200;  // seconds: in less, the allocator's habits are the slope
+
+struct Subject {
+  Subject(const e2e::Station& station, int at, Source what, const std::string& history)
+      : port(at), source(what), process(launchOf(station, at, history)) {
+    process.awaitOutput(e2e::kReady);
+  }
+
+  // A look at the files at every request.
+  static e2e::Launch launchOf(const e2e::Station& station, int at, const std::string& history) {
+    return station.launch({"--port", std::to_string(at), "--bind", "127.0.0.1", "--token",
+                           e2e::kToken, "--reload", "0", "--history-db", history});
+  }
+
+  int port;
+  Source source;
+  e2e::ServerProcess process;
+  Holdings at_begin;
+  Holdings at_end;
+  std::vector<Holdings> samples;
+  int status = -1;
+};
+
+void askOnce(const Subject& server) {
+  const auto answer =
+      e2e::TlsClient(server.port).request("GET", e2e::kActivityPath, e2e::bearer(e2e::kToken));
+  if (answer.status != 200) throw std::runtime_error("activity: " + answer.status_line);
+}
+
+// Closed connections take the server a moment to put away.
+Holdings holdingsAtRest(const Subject& server, std::size_t descriptors) {
+  const auto deadline = e2e::Clock::now() + e2e::kPatience;
+  Holdings held = holdingsOf(server.process.pid());
+  while (held.descriptors > descriptors && e2e::Clock::now() < deadline) {
+    std::this_thread::sleep_for(milliseconds(10));
+    held = holdingsOf(server.process.pid());
+  }
+  return held;
+}
+
+class Soak {
+ public:
+  explicit Soak(const Options& options)
+      : options_(options), life_(station_, static_cast<std::uint64_t>(options.seed)) {
+    servers_.emplace_back(station_, station_.port(), Source::kHistory, life_.historyPath());
+    servers_.emplace_back(station_, second_port_.port(), Source::kLog, "off");
+  }
+
+  bool run() {
+    for (Subject& server : servers_) {
+      const std::size_t descriptors = holdingsOf(server.process.pid()).descriptors;
+      askOnce(server);
+      server.at_begin = holdingsAtRest(server, descriptors);
+    }
+    underLoad();
+    for (Subject& server : servers_) {
+      server.at_end = holdingsAtRest(server, server.at_begin.descriptors);
+      server.process.signal(SIGTERM);
+      server.status = server.process.waitForExit();
+    }
+    return report();
+  }
+
+ private:
+  void underLoad();
+  void watch(e2e::Clock::time_point begin, e2e::Clock::time_point end);
+  bool report();
+  bool reportOn(const Subject& server) const;
+
+  const Options options_;
+  const e2e::Station station_;
+  const e2e::PortLease second_port_;
+  LivingStation life_;
+  std::deque<Subject> servers_;
+  Tally tally_;
+  std::size_t changes_ = 0;
+};
+
+void Soak::underLoad() {
+  const std::chrono::duration<double> length(options_.seconds);
+  const std::chrono::duration<double> period(options_.clients / options_.rate);
+  const auto begin = e2e::Clock::now();
+  const auto end = begin + std::chrono::duration_cast<e2e::Clock::duration>(length);
+
+  Judge judge(life_.ledger());
+  std::vector<std::jthread> threads;
+  threads.emplace_back([&](const std::stop_token& stop) {
+    const milliseconds pause(std::min(3000, static_cast<int>(options_.seconds * 1000 / 30)));
+    try {
+      changes_ = life_.live(
+          [&] {
+            for (const Subject& server : servers_) askOnce(server);
+          },
+          pause, stop);
+    } catch (const std::exception& error) {
+      ++tally_.errors;
+      tally_.complain(std::string("the station stopped: ") + error.what());
+    }
+  });
+  for (int i = 0; i < static_cast<int>(options_.clients); ++i) {
+    threads.emplace_back([&, i] {
+      const Subject& server = servers_[static_cast<std::size_t>(i) % servers_.size()];
+      Phone phone(server.port, server.source, life_.ledger(), judge, tally_,
+                  static_cast<std::uint64_t>(options_.seed * 1000 + i));
+      phone.poll(std::chrono::duration_cast<e2e::Clock::duration>(period), end);
+    });
+  }
+  watch(begin, end);
+}
+
+void Soak::watch(e2e::Clock::time_point begin, e2e::Clock::time_point end) {
+  for (auto next = begin; next < end; next += std::chrono::seconds(1)) {
+    std::this_thread::sleep_until(next);
+    for (Subject& server : servers_) {
+      Holdings held = holdingsOf(server.process.pid());
+      held.seconds = std::chrono::duration<double>(next - begin).count();
+      server.samples.push_back(held);
+    }
+  }
+}
+
+bool Soak::report() {
+  std::printf("%.0f s, %.0f clients, %zu changes of the station's files\n", options_.seconds,
+              options_.clients, changes_);
+  std::printf("requests %llu: documents compared %llu, resets %llu, wrong tokens %llu\n",
+              static_cast<unsigned long long>(tally_.requests),
+              static_cast<unsigned long long>(tally_.documents),
+              static_cast<unsigned long long>(tally_.resets),
+              static_cast<unsigned long long>(tally_.refused));
+  std::printf("wrong documents %llu, errors %llu, idle connections found closed %llu\n",
+              static_cast<unsigned long long>(tally_.wrong),
+              static_cast<unsigned long long>(tally_.errors),
+              static_cast<unsigned long long>(tally_.reconnects));
+  for (const std::string& complaint : tally_.complaints()) std::printf("%s\n", complaint.c_str());
+  bool good = tally_.wrong == 0 && tally_.errors == 0 && tally_.documents > 0;
+  for (const Subject& server : servers_) good = reportOn(server) && good;
+  std::printf("%s\n", good ? "passed" : "FAILED");
+  return good;
+}
+
+bool Soak::reportOn(const Subject& server) const {
+  const double slope = kilobytesPerHour(server.samples, options_.seconds / 3);
+  std::printf(
+      "server %s: memory %zu kB at begin, %zu kB at end, %+.0f kB an hour over the last "
+      "two thirds;\n  descriptors %zu and %zu, threads %zu and %zu; exit status %d\n",
+      server.source == Source::kHistory ? "with history" : "with log alone",
+      server.at_begin.memory_kb, server.at_end.memory_kb, slope, server.at_begin.descriptors,
+      server.at_end.descriptors, server.at_begin.threads, server.at_end.threads, server.status);
+  if (!server.process.errors().empty()) std::printf("%s\n", server.process.errors().c_str());
+  return server.status == 0 && server.process.errors().empty() &&
+         server.at_begin.descriptors == server.at_end.descriptors &&
+         server.at_begin.threads == server.at_end.threads &&
+         (options_.seconds < kJudgedFrom || slope < kLevelKbPerHour);
+}
+
+Options optionsFrom(int argc, char** argv) {
+  Options options;
+  const std::map<std::string, double*> known = {{"--seconds", &options.seconds},
+                                                {"--clients", &options.clients},
+                                                {"--rate", &options.rate},
+                                                {"--seed", &options.seed}};
+  for (int i = 1; i < argc; i += 2) {
+    const auto found = known.find(argv[i]);
+    if (found == known.end() || i + 1 == argc || (*found->second = std::atof(argv[i + 1])) <= 0) {
+      throw std::runtime_error("Usage: soak [--seconds N] [--clients N] [--rate N] [--seed N]");
+    }
+  }
+  return options;
+}
+
+}  // namespace
+}  // namespace spotserver::soak
+
+int main(int argc, char** argv) {
+  try {
+    return spotserver::soak::Soak(spotserver::soak::optionsFrom(argc, argv)).run() ? 0 : 1;
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "soak: %s\n", error.what());
+    return 2;
+  }
+}
