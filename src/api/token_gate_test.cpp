@@ -203,25 +203,49 @@ TEST(TokenThrottle, StaysBoundedUnderAFloodOfAddresses) {
   EXPECT_EQ(throttle.size(), kMaxThrottleEntries);
 }
 
-TEST(TokenThrottle, ManyThreadsFromOneAddressGetExactlyFiveTries) {
+// Sixty-four threads send 10,000 wrong tokens from one address, spread evenly over three minutes.
+TEST(TokenThrottle, ManyThreadsFromOneAddressGetExactlyFiveTriesAMinute) {
+  constexpr int kThreads = 64;
+  constexpr int kRequests = 10'000;
   TokenThrottle throttle;
+  std::atomic<int> next = 0;
   std::atomic<int> unauthorized = 0;
   std::atomic<int> locked_out = 0;
-  std::latch everyone_is_there(16);
+  std::latch everyone_is_there(kThreads);
   std::vector<std::thread> threads;
-  threads.reserve(16);
-  for (int i = 0; i < 16; ++i) {
+  threads.reserve(kThreads);
+  for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back([&] {
       everyone_is_there.arrive_and_wait();
-      for (int request = 0; request < 500; ++request) {
-        const TokenVerdict verdict = throttle.check("a", "wrong", kToken, kNow);
+      for (int request; (request = next++) < kRequests;) {
+        const SteadyTime now = kNow + request * 18ms;
+        const TokenVerdict verdict = throttle.check("a", "wrong", kToken, now);
         ++(verdict == kUnauthorized ? unauthorized : locked_out);
       }
     });
   }
   for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(unauthorized, 3 * 5);
+  EXPECT_EQ(locked_out, kRequests - 3 * 5);
+}
+
+// All at one instant: not one more than five.
+TEST(TokenThrottle, ManyThreadsAtOneInstantGetExactlyFiveTries) {
+  TokenThrottle throttle;
+  std::atomic<int> unauthorized = 0;
+  std::latch everyone_is_there(64);
+  std::vector<std::thread> threads;
+  threads.reserve(64);
+  for (int i = 0; i < 64; ++i) {
+    threads.emplace_back([&] {
+      everyone_is_there.arrive_and_wait();
+      for (int request = 0; request < 157; ++request) {
+        if (throttle.check("a", "wrong", kToken, kNow) == kUnauthorized) ++unauthorized;
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(unauthorized, 5);
-  EXPECT_EQ(locked_out, 16 * 500 - 5);
 }
 
 }  // namespace
