@@ -45,6 +45,9 @@ function(spot_compile_quickly target)
   target_compile_options(${target} PRIVATE $<$<CONFIG:Release>:-O1>)
 endfunction()
 
+# All fuzz targets, to be built without anything else.
+add_custom_target(corpora)
+
 function(spot_fuzz_target library name source)
   set(corpus ${CMAKE_SOURCE_DIR}/tests/corpus/${name})
   if(SPOT_FUZZ)
@@ -55,6 +58,7 @@ function(spot_fuzz_target library name source)
     add_test(NAME ${name}_corpus COMMAND ${name}_fuzz ${corpus})
     set_tests_properties(${name}_corpus PROPERTIES TIMEOUT 300)
   endif()
+  add_dependencies(corpora ${name}_fuzz)
   target_link_libraries(${name}_fuzz PRIVATE ${library})
   target_include_directories(${name}_fuzz PRIVATE ${CMAKE_SOURCE_DIR}/tests)
 endfunction()
