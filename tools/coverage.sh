@@ -16,14 +16,13 @@ use_preset coverage
 build
 # The counters of the last run would be added to.
 find "$build" -name '*.gcda' -delete
-# Format and headers are checked by the compiler and the formatter alone: nothing of src/ runs.
+# The tests of format and layers run nothing of src/.
 ctest --test-dir "$build" --output-on-failure --no-tests=error --parallel "$(nproc)" \
   -E '^(format|Layers)' "$@" >&2 || say "Some tests failed: the figures are too low."
 
-report() {
-  gcovr --root "$checkout" --filter "$checkout/src/" --exclude '.*_(test|fuzz|reference)\..pp' \
-    --exclude-throw-branches --exclude-unreachable-branches "$@" "$build"
-}
-report --txt "$build/lines.txt" --json "$build/coverage.json" --txt-metric line
-cat -- "$build/lines.txt"
-report --branches | tail -4
+gcovr -j "$(nproc)" --root "$checkout" --filter "$checkout/src/" \
+  --exclude '.*_(test|fuzz|reference)\..pp' --exclude-throw-branches \
+  --exclude-unreachable-branches --json "$build/coverage.json" "$build/src" "$build/tests"
+for kind in --branches ""; do
+  gcovr --root "$checkout" --add-tracefile "$build/coverage.json" $kind
+done

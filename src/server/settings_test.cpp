@@ -537,6 +537,27 @@ TEST(HelpText, IsTheDocumentedOne) {
             "  --help             this help\n");
 }
 
+// The tests above rely on it.
+TEST(ServerSettings, DifferWhereAnySingleOneDiffers) {
+  using Change = void (*)(ServerSettings&);
+  const Change changes[] = {
+      [](auto& s) { s.port = 1; },       [](auto& s) { s.reload = 1; },
+      [](auto& s) { s.bind = "x"; },     [](auto& s) { s.token = "x"; },
+      [](auto& s) { s.all_txt = "x"; },  [](auto& s) { s.history_db = "x"; },
+      [](auto& s) { s.cert = "x"; },     [](auto& s) { s.cert_given = true; },
+      [](auto& s) { s.key = "x"; },      [](auto& s) { s.key_given = true; },
+      [](auto& s) { s.log_file = "x"; }, [](auto& s) { s.log_file_given = true; },
+      [](auto& s) { s.pid_file = "x"; }, [](auto& s) { s.demo = true; },
+      [](auto& s) { s.daemon = true; },
+  };
+  EXPECT_EQ(ServerSettings(), ServerSettings());
+  for (std::size_t i = 0; i < std::size(changes); ++i) {
+    ServerSettings changed;
+    changes[i](changed);
+    EXPECT_NE(changed, ServerSettings()) << i;
+  }
+}
+
 TEST(VersionText, NamesTheProgramAndItsSuite) {
   EXPECT_EQ(version_text(), "corvane-spot-server 0.3.0 (Corvane 0.95.12)\n");
 }

@@ -1,0 +1,14 @@
+// Linked into the server of a coverage build, with --wrap: a process that ends by _exit writes its
+// counters too.
+extern "C" {
+
+void __gcov_dump();
+[[noreturn]] void __real__exit(int status);
+
+[[noreturn]] void __wrap__exit(int status) {
+  __gcov_dump();
+  __real__exit(status);
+}
+
+[[noreturn]] void __wrap__Exit(int status) { __wrap__exit(status); }
+}
