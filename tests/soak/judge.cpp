@@ -7,7 +7,7 @@
 namespace spotserver::soak {
 namespace {
 
-constexpr std::size_t kMaxKept = 500;  // documents; the largest have a megabyte
+constexpr std::size_t kMaxKept = 200;  // documents; the largest have half a megabyte
 
 std::string behindGenerated(const std::string& document) {
   return document.substr(std::min(document.find(",\"mode\""), document.size()));

@@ -1,5 +1,6 @@
 #include "soak/phones.hpp"
 
+#include <algorithm>
 #include <stdexcept>
 #include <thread>
 
@@ -33,7 +34,9 @@ Phone::Phone(int port, Source source, const Ledger& ledger, Judge& judge, Tally&
 
 void Phone::poll(e2e::Clock::duration period, e2e::Clock::time_point end) {
   const auto phase = period * static_cast<int>(random_() % 100) / 100;
-  for (auto next = e2e::Clock::now() + phase; next < end; next += period) {
+  // A phone that is behind does not hurry after what it missed.
+  for (auto next = e2e::Clock::now() + phase; next < end;
+       next = std::max(next + period, e2e::Clock::now())) {
     std::this_thread::sleep_until(next);
     try {
       act();

@@ -181,6 +181,11 @@ bool Soak::reportOn(const Subject& server) const {
       server.source == Source::kHistory ? "with history" : "with log alone",
       server.at_begin.memory_kb, server.at_end.memory_kb, slope, server.at_begin.descriptors,
       server.at_end.descriptors, server.at_begin.threads, server.at_end.threads, server.status);
+  std::printf("  memory by tenths of the run:");
+  for (std::size_t tenth = 1; tenth <= 10 && !server.samples.empty(); ++tenth) {
+    std::printf(" %zu", server.samples[(server.samples.size() - 1) * tenth / 10].memory_kb);
+  }
+  std::printf("\n");
   if (!server.process.errors().empty()) std::printf("%s\n", server.process.errors().c_str());
   return server.status == 0 && server.process.errors().empty() &&
          server.at_begin.descriptors == server.at_end.descriptors &&
