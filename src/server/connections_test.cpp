@@ -1,11 +1,39 @@
 #include "server/connections.hpp"
 
 #include <atomic>
+#include <cerrno>
 #include <future>
 #include <stdexcept>
 #include <system_error>
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
+
+namespace {
+
+constexpr int kPlenty = -1;
+std::atomic<int> g_threads_left = kPlenty;  // that the system grants
+
+// For the length of a scope.
+struct FewThreads {
+  explicit FewThreads(int granted) { g_threads_left = granted; }
+  ~FewThreads() { g_threads_left = kPlenty; }
+};
+
+}  // namespace
+
+// Stands in for the C library's own, for this program.
+extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                              void* (*entry)(void*), void* argument) noexcept {
+  if (g_threads_left != kPlenty && g_threads_left-- <= 0) {
+    ++g_threads_left;
+    return EAGAIN;
+  }
+  static const auto real =
+      reinterpret_cast<decltype(&pthread_create)>(::dlsym(RTLD_NEXT, "pthread_create"));
+  return real(thread, attributes, entry, argument);
+}
 
 namespace spotserver {
 namespace {
@@ -141,6 +169,32 @@ TEST_F(ConnectionQueue, AWorkerThatCannotBeStoppedIsLeftBehind) {
     EXPECT_TRUE(connections.abandoned());
   }
   release.set_value();
+}
+
+TEST(ConnectionsStart, AsManyWorkersAsTheSystemGrantsWillDo) {
+  ConnectionLimits limits;
+  limits.workers = 4;
+  Connections connections(limits);
+  std::unique_ptr<httplib::TaskQueue> queue;
+  {
+    const FewThreads few(2);  // two workers; not even the watcher
+    queue = connections.start();
+  }
+  std::promise<void> together[2];
+  for (int job = 0; job < 2; ++job) {
+    queue->enqueue([&together, job] {  // ends once the other runs as well
+      together[job].set_value();
+      together[1 - job].get_future().wait();
+    });
+  }
+  queue->shutdown();
+  EXPECT_FALSE(connections.abandoned());
+}
+
+TEST(ConnectionsStart, WithoutAnyWorkerThereIsNoService) {
+  Connections connections(ConnectionLimits{});
+  const FewThreads none(0);
+  EXPECT_THROW(connections.start(), std::system_error);
 }
 
 }  // namespace
