@@ -35,7 +35,7 @@ int viewParameter(std::string_view text, std::span<const int> allowed, int fallb
 // True when the request may proceed; otherwise `response` is complete: 401 after a wrong token,
 // 429 while the client's address is locked out.
 bool authorize(const httplib::Request& request, httplib::Response& response,
-               TokenThrottle& throttle, std::string_view access_token);
+               TokenThrottle& throttle, const std::string& access_token);
 
 // Answers one request, with gzip for a client that prefers it. Locks one thing at a time: the
 // throttle, the store for the refresh, the store for the answer; none while the text is written.

@@ -15,6 +15,7 @@
 #include "server/json_text.hpp"
 #include "server/request_gate.hpp"
 #include "server/version.hpp"
+#include "spots/regular_file.hpp"
 
 namespace spotserver {
 namespace {
@@ -101,6 +102,13 @@ void watchConnections(Server& server, Connections& connections) {
   }
 }
 
+// Null when the key is no regular file: the library would wait for the writer of a FIFO.
+template <typename Server>
+std::unique_ptr<Server> makeServer(const ServerSettings& settings) {
+  if (!isRegularFile(settings.key)) return nullptr;
+  return std::make_unique<Server>(settings.cert.c_str(), settings.key.c_str());
+}
+
 }  // namespace
 
 HealthDocument::HealthDocument(bool demo, const std::string& fingerprint) {
@@ -145,11 +153,11 @@ class HttpService::Server : public httplib::SSLServer {
 HttpService::HttpService(const ServerSettings& settings, SpotStore& store, const std::string& token,
                          const std::string& fingerprint, const ConnectionLimits& limits)
     : connections_(withinDescriptors(limits), [&store] { store.interrupt(); }),
-      server_(std::make_unique<Server>(settings.cert.c_str(), settings.key.c_str())),
+      server_(makeServer<Server>(settings)),
       bind_address_(settings.bind),
       port_(settings.port) {
   std::signal(SIGPIPE, SIG_IGN);
-  if (!server_->is_valid()) return;
+  if (!valid()) return;
   watchConnections(*server_, connections_);
 
   server_->set_keep_alive_timeout(60);
@@ -188,7 +196,7 @@ HttpService::HttpService(const ServerSettings& settings, SpotStore& store, const
 
 HttpService::~HttpService() = default;
 
-bool HttpService::valid() const { return server_->is_valid(); }
+bool HttpService::valid() const { return server_ && server_->is_valid(); }
 
 bool HttpService::bind() {
   if (!server_->bind_to_port(bind_address_, port_)) return false;

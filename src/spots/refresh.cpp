@@ -72,7 +72,7 @@ class LineTaker {
   // that failed half way can be taken in again and still counts once.
   void take(std::string_view line) {
     if (line.ends_with('\r')) line.remove_suffix(1);
-    const auto record = parseAllTxtLine(line);
+    const auto record = parseAllTxtLine(line, last_);
     if (!record) return;
     if (record->time >= now_ - kRetention) hold(*record);
     ++data_.accepted_lines;
@@ -116,6 +116,7 @@ class LineTaker {
 
   SpotData& data_;
   const double now_;
+  LineHead last_;
   std::vector<Dial> dials_;  // by frequency; a new one takes the place of another
 };
 

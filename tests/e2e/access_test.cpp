@@ -43,6 +43,16 @@ TEST(Access, RightTokensInAllTheirPlaces) {
   }
 }
 
+TEST(Access, ATokenWithPercentSignsIsTakenAsItStands) {
+  for (const std::string token : {"a%41b", "p+q%", "100%25"}) {
+    const Station station;
+    ServerProcess server = station.serve({"--token", token});
+    EXPECT_EQ(ask(station, bearer(token)).status, 200) << token;
+    EXPECT_EQ(ask(station, {{"X-Spot-Token", token}}).status, 200) << token;
+    expectUnauthorized(ask(station, bearer(token + "%")));
+  }
+}
+
 TEST(Access, WrongTokens) {
   const Station station;
   ServerProcess server = station.serve();

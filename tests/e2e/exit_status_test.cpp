@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 
 #include "e2e/station.hpp"
@@ -104,6 +105,14 @@ TEST(ExitStatus, CertificateAndKeyOfDifferentPairs) {
   makeIdentity(station, "one.crt", "one.key");
   makeIdentity(station, "two.crt", "two.key");
   expectFailure(runToEnd(station.usualLaunch({"--cert", "one.crt", "--key", "two.key"})),
+                "Failed to initialise TLS server (bad certificate or key?)");
+}
+
+TEST(ExitStatus, KeyThatIsAFifoIsNotWaitedFor) {
+  const Station station;
+  makeIdentity(station, "my.crt", "other.key");
+  ASSERT_EQ(mkfifo(station.workFile("my.key").c_str(), 0600), 0);
+  expectFailure(runToEnd(station.usualLaunch({"--cert", "my.crt", "--key", "my.key"})),
                 "Failed to initialise TLS server (bad certificate or key?)");
 }
 
