@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Lets every call of every kind fail, one run for each, and kills the server at every system call of
-# a start. Takes a quarter of an hour or more on four cores; `ctest -L faults` visits a few places of
-# each kind in a minute.
+# a start. Takes an hour on four cores, most of it for the memory of a first start, which makes a new
+# key each time; `ctest -L faults` visits a few places of each kind in a minute.
 #
 #   tools/faults.sh                 all of them
 #   tools/faults.sh 'Killed.*'      those that GoogleTest's filter lets through
@@ -16,7 +16,8 @@ source "$checkout/tools/setup.bash"
 filter=${1:-*}
 every=${2:-1}
 
-[[ -f $build/CMakeCache.txt ]] || configure -D BUILD_TESTING=ON
+need_packages "${build_packages[@]}" libgtest-dev libgmock-dev
+is_configured || configure -D BUILD_TESTING=ON
 build faults_test
 
 shards=$(nproc)
@@ -47,7 +48,9 @@ cat -- "$reports"/* | awk -F': ' '
   END {
     for (k = 1; k <= kinds; ++k) {
       what = order[k]; line = what ":"
-      for (i = 1; i <= size[what]; ++i) line = line (i > 1 ? "," : "") " " sums[what, i] " " words[what, i]
+      for (i = 1; i <= size[what]; ++i) {
+        line = line (i > 1 ? "," : "") " " sums[what, i] " " words[what, i]
+      }
       print line
     }
   }'

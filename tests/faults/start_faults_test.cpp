@@ -216,7 +216,7 @@ class FaultsAtStart : public testing::Test {
 };
 
 TEST_F(FaultsAtStart, FilesOfAFirstStart) {
-  for (const Fault& fault : kFileFaults) failEverywhere("first start", fault, nullptr, 2);
+  for (const Fault& fault : kFileFaults) failEverywhere("first start", fault, nullptr, 1);
 }
 
 TEST_F(FaultsAtStart, FilesOfASecondStart) {

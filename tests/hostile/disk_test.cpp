@@ -61,7 +61,7 @@ void expectGoodStart(const Station& station) {
 }
 
 TEST(FirstStart, KeyThatDoesNotFitOnTheDiskIsNotKept) {
-  for (const rlim_t room : {0, 1, 1000, 1500}) {
+  for (const rlim_t room : {0U, 1U, 1000U, 1500U}) {
     SCOPED_TRACE(room);
     const Station station;
     std::optional<FileSizeLimit> full(room);
@@ -135,7 +135,7 @@ TEST(FirstStart, ReadOnlyHomeWithAnIdentityElsewhereServes) {
 }
 
 TEST(FirstStart, KeyIsPrivateWhateverTheUmask) {
-  for (const mode_t mask : {0, 077, 0777}) {
+  for (const mode_t mask : {0U, 077U, 0777U}) {
     SCOPED_TRACE(mask);
     const Station station;
     std::filesystem::create_directories(station.configDir());
