@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include <malloc.h>
 #include <openssl/bio.h>
 #include <poll.h>
 #include <sys/mman.h>
@@ -66,6 +67,14 @@ class WaitingLine {
   std::size_t first_ = 0;
   std::size_t count_ = 0;
 };
+
+// The C library gives most threads a memory pool of their own, which keeps what one large request
+// has taken. A few pools for all workers keep that to a few requests' worth.
+void shareMemoryPools() {
+#ifdef M_ARENA_MAX
+  ::mallopt(M_ARENA_MAX, 4);
+#endif
+}
 
 // Address space that is left for the requests when as many threads as possible have taken theirs.
 class SpareMemory {
@@ -171,6 +180,7 @@ struct Connections::Core {
 
   // The watcher first: without it nothing bounds what a connection may cost.
   void start() {
+    shareMemoryPools();
     const SpareMemory spare;
     workers.reserve(limits.workers);
     has_watcher = startThread(watcher, kWatcherStack, watcherEntry, this);

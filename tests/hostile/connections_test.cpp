@@ -35,6 +35,14 @@ std::deque<TlsClient> idlePhones(int port, std::size_t count) {
   return phones;
 }
 
+// Of all limits only the one on a single request counts.
+ConnectionLimits onlyRequestBytes() {
+  auto limits = smallLimits();
+  limits.request = 20s;
+  limits.all_request_bytes = std::size_t{1} << 30;
+  return limits;
+}
+
 // Returns when the server has ended the connection of a bare socket.
 void awaitEnd(const Fd& socket) {
   char byte;
@@ -113,8 +121,7 @@ TEST(Connections, SendingNowAndThenDoesNotProlongARequest) {
 }
 
 TEST(Connections, AnEndlessRequestLineIsCutAtItsLimit) {
-  auto limits = smallLimits();
-  limits.request = 20s;
+  const auto limits = onlyRequestBytes();
   Service service(limits);
   TlsClient peer(service.port());
   const std::string piece(16 * 1024, 'a');
@@ -127,8 +134,7 @@ TEST(Connections, AnEndlessRequestLineIsCutAtItsLimit) {
 }
 
 TEST(Connections, AnEndlessHeaderIsCutAtItsLimit) {
-  auto limits = smallLimits();
-  limits.request = 20s;
+  const auto limits = onlyRequestBytes();
   Service service(limits);
   TlsClient peer(service.port());
   peer.send("GET /api/v1/health HTTP/1.1\r\n");
