@@ -177,7 +177,7 @@ TEST(ConnectionsStart, AsManyWorkersAsTheSystemGrantsWillDo) {
   Connections connections(limits);
   std::unique_ptr<httplib::TaskQueue> queue;
   {
-    const FewThreads few(2);  // two workers; not even the watcher
+    const FewThreads few(3);  // the watcher and two workers
     queue = connections.start();
   }
   std::promise<void> together[2];
