@@ -89,6 +89,7 @@ class Tally {
   Tally(const Tally&) = delete;
   Tally& operator=(const Tally&) = delete;
   void add(Ending ending) { ++counts_[static_cast<int>(ending)]; }
+  long runs() const { return counts_[0] + counts_[1] + counts_[2] + counts_[3]; }
 
  private:
   std::string what_;
