@@ -19,6 +19,7 @@
 #include "history/history_reader_reference.hpp"
 #include "history_file.hpp"
 #include "other_process.hpp"
+#include "scoped_limits.hpp"
 #include "spots/mode.hpp"
 #include "temp_dir.hpp"
 
@@ -714,6 +715,9 @@ class ForeignHistory : public HistoryReading {
     });
     EXPECT_EQ(reader.join(), 0);
   }
+
+ private:
+  const ScopedUmask readable_for_all_{022};
 };
 
 TEST_F(ForeignHistory, WithRollbackJournalIsRead) {
