@@ -2,11 +2,11 @@
 // counters too.
 extern "C" {
 
-void __gcov_dump();
+int __llvm_profile_write_file();
 [[noreturn]] void __real__exit(int status);
 
 [[noreturn]] void __wrap__exit(int status) {
-  __gcov_dump();
+  __llvm_profile_write_file();
   __real__exit(status);
 }
 

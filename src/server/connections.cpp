@@ -39,7 +39,6 @@ constexpr std::chrono::milliseconds kWatchInterval{100};
 // most 1024 descriptors, so the line is never full.
 class WaitingLine {
  public:
-  std::size_t size() const { return count_; }
   bool empty() const { return count_ == 0; }
   bool full() const { return count_ == jobs_.size(); }
   void push(Job job, Time now) { at(count_++) = {std::move(job), now}; }
