@@ -65,7 +65,7 @@ TEST(StationDay, BytesAreTheSameOnEveryMachine) {
 }
 
 TEST(StationDay, WritesExactlyTheLinesAskedFor) {
-  for (const std::uint64_t lines : {0, 1, 7, 1'000, 123'457}) {
+  for (const std::uint64_t lines : {0u, 1u, 7u, 1'000u, 123'457u}) {
     const std::string log = logOf(planOf(25, lines));
     EXPECT_EQ(static_cast<std::uint64_t>(std::count(log.begin(), log.end(), '\n')), lines);
   }
