@@ -39,6 +39,7 @@ constexpr std::chrono::milliseconds kWatchInterval{100};
 // most 1024 descriptors, so the line is never full.
 class WaitingLine {
  public:
+  std::size_t size() const { return count_; }
   bool empty() const { return count_ == 0; }
   bool full() const { return count_ == jobs_.size(); }
   void push(Job job, Time now) { at(count_++) = {std::move(job), now}; }
@@ -71,7 +72,7 @@ class WaitingLine {
 // has taken. A few pools for all workers keep that to a few requests' worth.
 void shareMemoryPools() {
 #ifdef M_ARENA_MAX
-  ::mallopt(M_ARENA_MAX, 4);
+  ::mallopt(M_ARENA_MAX, 2);
 #endif
 }
 

@@ -35,7 +35,7 @@ struct ConnectionLimits {
   Duration idle{1'000};                    // idle for so long, it may have to give way to others
   std::size_t request_bytes = 256 * 1024;  // received before the request head is complete
   // Of all requests together, before the largest is cut. A header of five bytes takes a hundred.
-  std::size_t all_request_bytes = 768 * 1024;
+  std::size_t all_request_bytes = 640 * 1024;
   std::size_t deep_request_bytes = 512;  // from here on requests are parsed one at a time
   Duration turn{50};                     // each for so long at most
   Duration linger{1'000};                // reading on after an answer given before the body

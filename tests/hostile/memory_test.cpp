@@ -6,7 +6,7 @@
 #include "e2e/station.hpp"
 #include "hostile/hostile_clients.hpp"
 #include "hostile/process_facts.hpp"
-#include "hostile/sanitized.hpp"
+#include "sanitizers.hpp"
 
 namespace spotserver::hostile {
 namespace {

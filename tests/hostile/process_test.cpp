@@ -12,8 +12,8 @@
 #include "history_file.hpp"
 #include "hostile/hostile_clients.hpp"
 #include "hostile/process_facts.hpp"
-#include "hostile/sanitized.hpp"
 #include "hostile/service_fixture.hpp"
+#include "sanitizers.hpp"
 
 namespace spotserver::hostile {
 namespace {
