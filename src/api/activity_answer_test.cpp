@@ -8,6 +8,7 @@
 
 #include "api/activity_document.hpp"
 #include "api/activity_document_reference.hpp"
+#include "failing_memory.hpp"
 #include "gunzip.hpp"
 
 namespace spotserver {
@@ -47,6 +48,26 @@ TEST(ActivityAnswer, TheGzippedDocumentUnpacksToThePlainOne) {
     const auto gzipped = answer.gzippedDocument(now);
     ASSERT_TRUE(gzipped) << now;
     EXPECT_EQ(gunzip(*gzipped), plainAt(hourOf(3), now));
+  }
+}
+
+TEST(ActivityAnswer, WithoutMemoryALaterCallTriesAgain) {
+  for (bool failed = true, gzip = false;; gzip = !gzip) {
+    for (long good = 0; failed || good == 0; ++good) {
+      const ActivityAnswer answer(hourOf(3));
+      {
+        const FailingMemory memory(good);
+        try {
+          if (gzip) answer.gzippedDocument(kNow);
+          if (!gzip) answer.document(kNow);
+        } catch (const std::bad_alloc&) {
+        }
+        failed = memory.failed();
+      }
+      EXPECT_EQ(answer.document(kNow), plainAt(hourOf(3), kNow)) << good;
+      EXPECT_EQ(gunzip(answer.gzippedDocument(kNow).value()), plainAt(hourOf(3), kNow)) << good;
+    }
+    if (gzip) break;
   }
 }
 

@@ -50,9 +50,10 @@ std::string presentedTo(const std::string& access_token, const httplib::Request&
 // All values of a header that is a list, which may come in several lines.
 std::string joinedHeader(const httplib::Request& request, const char* name) {
   std::string joined;
-  for (std::size_t i = 0; i < request.get_header_value_count(name); ++i) {
-    if (i > 0) joined += ',';
-    joined += request.get_header_value(name, i);
+  const auto [begin, end] = request.headers.equal_range(name);
+  for (auto line = begin; line != end; ++line) {
+    if (line != begin) joined += ',';
+    joined += line->second;
   }
   return joined;
 }

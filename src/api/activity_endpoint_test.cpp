@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "api/json_answer.hpp"
+#include "temp_dir.hpp"
 
 namespace spotserver {
 namespace {
@@ -115,6 +116,32 @@ TEST(Authorize, OnlyTheFirstAuthorizationHeaderCounts) {
   request.headers.emplace("Authorization", "Bearer right");
   httplib::Response response;
   EXPECT_FALSE(authorize(request, response, throttle, "right"));
+}
+
+TEST(HandleActivity, DuringALockOutTheStoreIsNotTouched) {
+  TempDir dir;
+  SpotStore store;
+  store.lock()->all_txt_path = dir.write("ALL.TXT", "");
+  TokenThrottle throttle;
+  const std::string token = "right";
+  const ActivityEndpoint endpoint{throttle, token, store, 0};
+  httplib::Request request = requestFrom("192.0.2.7");
+  request.headers.emplace("X-Spot-Token", "wrong");
+  for (int i = 0; i < 5; ++i) {
+    httplib::Response response;
+    handleActivity(endpoint, request, response);
+    EXPECT_EQ(response.status, 401);
+  }
+  request.headers.find("X-Spot-Token")->second = token;
+  httplib::Response locked_out;
+  handleActivity(endpoint, request, locked_out);
+  EXPECT_EQ(locked_out.status, 429);
+  EXPECT_EQ(store.lock()->last_refresh, 0);
+
+  request.remote_addr = "192.0.2.8";
+  httplib::Response answer;
+  handleActivity(endpoint, request, answer);
+  EXPECT_GT(store.lock()->last_refresh, 0);
 }
 
 }  // namespace

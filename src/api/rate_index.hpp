@@ -92,8 +92,8 @@ struct SourceReport {
 };
 
 // As addInterval for every slot of every report in turn.
-//   addIntervals(index, {{{"FT8/14.074000", 14'074'000, 15, {{now - 30, 7}, {now - 15, 12}}}}},
-//   now)
+//   const SourceReport report{"FT8/14.074000", 14'074'000, 15, {{now - 30, 7}, {now - 15, 12}}};
+//   addIntervals(index, {&report, 1}, now);
 // Cost: a look at every source for the pruning and two look-ups a report; a slot that starts behind
 // those already held of its source is appended in constant time, without a look-up.
 void addIntervals(BandRateIndex& index, std::span<const SourceReport> reports, double now);

@@ -109,9 +109,10 @@ void expandRow(const HistoryRow& row, double from, double to, HistorySlots& out)
 // What one read may take. A locked or broken file must not hold the caller for long, nor may a file
 // made to hurt (an endless view called `minutes`) eat the memory.
 struct HistoryLimits {
-  std::chrono::milliseconds time{
-      5000};                        // from opening to the last row, waits for a writer included
-  std::size_t memory = 128u << 20;  // bytes for SQLite, and as many for the slots
+  // From opening to the last row, waits for a writer included.
+  std::chrono::milliseconds time{5000};
+  // Bytes for SQLite, and as many for the slots. Merging them takes some four times as many again.
+  std::size_t memory = 128u << 20;
 };
 
 // The process has no file descriptor left to open the history with. That says nothing about the

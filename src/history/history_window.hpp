@@ -15,7 +15,7 @@ namespace spotserver {
 // An empty path, a missing file or a read that fails or is stopped clears data.history_in_use and
 // changes nothing else. When only the process has run out of file descriptors, nothing changes at
 // all: the history is as good as before.
-// Never throws. Cost: readHistory's, up to 5 s while a writer keeps the file locked.
+// Never throws. Cost: readHistorySlots', up to 5 s while a writer keeps the file locked.
 void readHistoryWindow(SpotData& data, double from, double to, std::stop_token stop = {}) noexcept;
 
 // Makes `observations` (of the window [from, to], ascending by start) the intervals from `from` on,

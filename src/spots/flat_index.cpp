@@ -29,7 +29,7 @@ std::uint64_t loadTail(std::string_view text) {
 }  // namespace
 
 std::uint32_t hashText(std::string_view text) {
-  std::uint64_t bits = text.size() << 56;
+  std::uint64_t bits = std::uint64_t{text.size()} << 56;
   for (; text.size() >= 8; text.remove_prefix(8)) {
     bits = std::rotl((bits ^ load<std::uint64_t>(text.data())) * 0x9e3779b97f4a7c15, 32);
   }

@@ -58,9 +58,17 @@ void IntervalQueue::push_back(const Interval& interval) {
   bands_.hold(ids[0]);
 }
 
-void IntervalQueue::pop_front() {
-  bands_.release(held_.front().band);
-  held_.pop_front();
+void IntervalQueue::pruneBefore(double cutoff) noexcept {
+  while (!held_.empty() && held_.front().start < cutoff) {
+    bands_.release(held_.front().band);
+    held_.pop_front();
+  }
+}
+
+// An empty deque made anew would take memory.
+void IntervalQueue::clear() noexcept {
+  held_.clear();
+  bands_ = {};
 }
 
 Interval IntervalQueue::operator[](std::size_t place) const {

@@ -44,8 +44,9 @@ class IntervalQueue {
   void replaceFrom(double from, std::span<const Fresh> fresh, std::span<const std::string> bands);
   // Throws std::bad_alloc, and then holds what it held before.
   void push_back(const Interval& interval);
-  void pop_front();
-  void clear() { *this = {}; }
+  // Drops intervals from the front while they start before `cutoff`.
+  void pruneBefore(double cutoff) noexcept;
+  void clear() noexcept;
 
   std::size_t size() const { return held_.size(); }
   bool empty() const { return held_.empty(); }

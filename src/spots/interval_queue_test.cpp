@@ -30,7 +30,7 @@ TEST(IntervalQueue, GivesBackWhatItWasGiven) {
   EXPECT_EQ(queue.size(), 3u);
   EXPECT_EQ(queue[1].band, "13.500000 MHz");
   EXPECT_EQ(queue.front().start, 10);
-  queue.pop_front();
+  queue.pruneBefore(10.5);
   EXPECT_THAT(texts(queue), ElementsAre("20 13.500000 MHz 2", "20 20m 3"));
   queue.clear();
   EXPECT_TRUE(queue.empty());
@@ -73,7 +73,7 @@ TEST(IntervalQueue, BandsLeaveWithTheirLastInterval) {
     const std::vector<std::string> bands = {std::to_string(i) + " MHz", "never used"};
     queue.replaceFrom(i, std::vector<IntervalQueue::Fresh>{{i + 0.0, 1, 0}, {i + 0.5, 1, 0}},
                       bands);
-    while (queue.size() > 100) queue.pop_front();
+    while (queue.size() > 100) queue.pruneBefore(queue.front().start + 1);
     ASSERT_LE(queue.bandEnd(), 104u) << i;
   }
 }

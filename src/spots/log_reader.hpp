@@ -28,7 +28,8 @@ inline constexpr std::size_t kMaxLogLine = 1 << 20;
 // The bytes that lay just before `end` when they were read. They tell a log that went on from one
 // that was written anew and has grown past `end` since: that one holds other lines there.
 struct LogTail {
-  static constexpr std::size_t kSize = 128;  // more than a line, so that a timestamp is among them
+  static constexpr std::size_t kSize =
+      128;  // more than most lines, so that a timestamp is among them
   std::uint64_t end = 0;
   std::size_t size = 0;  // of `bytes`; less than kSize only near the start of what was read
   std::array<char, kSize> bytes{};

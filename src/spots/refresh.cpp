@@ -89,15 +89,15 @@ class LineTaker {
   };
 
   void hold(const AllTxtRecord& record) {
+    if (record.time > now_ + kRetention) {
+      data_.left_out_from = std::min(data_.left_out_from, record.time);
+      return;
+    }
     Dial& dial = dialAt(record.frequency);
     const bool counted = !record.callsign.empty() && hear(record, dial);
     if (data_.history_in_use) return;
-    if (record.time > now_ + kRetention) {
-      data_.left_out_from = std::min(data_.left_out_from, record.time);
-    } else {
-      data_.spots.append(record.time, record.frequency, record.mode, dial.band,
-                         counted ? std::string_view(record.callsign) : std::string_view());
-    }
+    data_.spots.append(record.time, record.frequency, record.mode, dial.band,
+                       counted ? std::string_view(record.callsign) : std::string_view());
   }
 
   bool hear(const AllTxtRecord& record, Dial& dial) {
@@ -152,7 +152,7 @@ bool refreshLog(SpotData& data, double now, const std::stop_token& stop) {
 
 void refreshSpots(SpotData& data, double now, double min_interval,
                   const std::stop_token& stop) noexcept {
-  if (data.demo) return;
+  if (data.demo || stop.stop_requested()) return;
   const bool clock_was_set = now < data.last_refresh - kClockStep;
   if (!clock_was_set && now - data.last_refresh < min_interval) return;
   data.last_refresh = now;

@@ -20,17 +20,17 @@ namespace spotserver {
 //    that is older when it is read is counted and not held.
 //
 // While the history is in use, log lines only supply callsigns; decodes come from the history then.
-// The generation grows by one when a line of the log was consumed or the log was read from its
-// start again, and by one for a history read.
+// The generation grows by one when the place in the log moved, the log was read from its start
+// again or the clock was set, and by one for a history read.
 //
 // The clock. When `now` lies more than 600 s before the last refresh, the clock was wrong: spots,
 // intervals and rates are emptied and both sources read anew at once. A smaller step back waits
-// until the time comes round. A log line dated more than kRetention ahead is not held as a spot
-// (nothing can show it before then); when the clock gets there the log is read anew.
+// until the time comes round. A log line dated more than kRetention ahead is left out, its sender
+// too; when the clock gets there the log is read anew.
 //
 // Every failure is silent and leaves what is held, and the sources after it are read all the same.
 // A log line counts once, whatever fails. `stop` ends a long read early and what was consumed by
-// then stays consumed.
+// then stays consumed; once it is requested, nothing is read or dropped any more.
 //
 // Cost: what is new, and what is dropped. When that is nothing, a few system calls, the intervals
 // of one minute, and once a minute a look at every callsign. A line whose sender and channel are

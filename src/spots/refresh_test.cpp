@@ -499,11 +499,15 @@ TEST_F(Refresh, DecoderWhoseClockIsAYearAheadFillsNoMemory) {
   for (int look = 0; look < 50; ++look) {
     const double now = kNow + 15 * look;
     std::string lines;
-    for (int i = 0; i < 20; ++i) lines += decodeLine(now + 365 * 86'400.0, "CQ N0AAA FN42");
+    for (int i = 0; i < 20; ++i) {
+      const std::string callsign = "N0" + std::string{char('A' + i), char('A' + look % 26)};
+      lines += decodeLine(now + 365 * 86'400.0, "CQ " + callsign + " FN42");
+    }
     appendLog(lines);
     refresh(now);
   }
   EXPECT_TRUE(data.spots.empty());
+  EXPECT_EQ(heardSince(data, 0), 0u);
   EXPECT_EQ(data.accepted_lines, 1000u);
 }
 

@@ -37,9 +37,7 @@ std::uint64_t heardOnBandSince(const SpotData& data, std::string_view band, doub
 void pruneSpots(SpotData& data, double now) {
   const double cutoff = now - launcher::kRetention;
   data.spots.pruneBefore(cutoff);
-  while (!data.intervals.empty() && data.intervals.front().start < cutoff) {
-    data.intervals.pop_front();
-  }
+  data.intervals.pruneBefore(cutoff);
   launcher::pruneIndex(data.rates, now);
   const std::int64_t minute = launcher::minuteOf(now);
   if (data.callsigns_pruned == minute) return;

@@ -41,7 +41,7 @@ struct SpotData {
   ActivityCache cache;
   std::uint64_t generation = 0;  // grows when new data was consumed
   cty::Database countries;
-  std::uint64_t accepted_lines = 0;  // of the log, ever
+  std::uint64_t accepted_lines = 0;  // of the log; a log read anew counts anew
   double newest_decode = 0;          // latest time of an accepted line, ever; 0: none
 };
 

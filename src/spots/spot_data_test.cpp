@@ -9,6 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "failing_memory.hpp"
 #include "spots/heard_callsigns_reference.hpp"
 
 namespace spotserver {
@@ -160,6 +161,20 @@ TEST(PruneSpots, RateIndexLosesTheMinutesBeforeTheCutoffs) {
   EXPECT_EQ(source.held().front().start, minute);
   pruneSpots(data, kNow + 60);
   EXPECT_THAT(data.rates, IsEmpty());
+}
+
+TEST(PruneSpots, TakesNoMemory) {
+  SpotData data;
+  const std::string band = "10489.540000 MHz";  // longer than a string holds without memory
+  data.intervals = {{kCutoff - 1, band, 1}, {kCutoff, band, 1}};
+  data.spots.append({kCutoff - 1, 10'489'540'000, 0, band, "N0CALL"});
+  recordCallsign(data, "N0CALL", band, kCutoff - 1);
+  const FailingMemory none(0);
+  pruneSpots(data, kNow);
+  data.intervals.clear();
+  data.spots.clear();
+  EXPECT_FALSE(none.failed());
+  EXPECT_TRUE(data.intervals.empty());
 }
 
 }  // namespace

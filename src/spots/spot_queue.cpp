@@ -40,15 +40,6 @@ Channel SpotQueue::ChannelTraits::make(const Key& key) {
   return {key.frequency, key.mode, std::string(key.band)};
 }
 
-std::int64_t SpotQueue::minuteOf(double time) {
-  using Limits = std::numeric_limits<std::int64_t>;
-  const double minute = std::floor(time / 60);
-  // The highest number of the type is no double; the power of two above it is.
-  if (minute < static_cast<double>(Limits::min())) return Limits::min();
-  if (minute >= -static_cast<double>(Limits::min())) return Limits::max();
-  return static_cast<std::int64_t>(minute);
-}
-
 bool SpotQueue::isOf(const Group& group, double time, const ChannelKey& key) const {
   const Channel& channel = channels_[group.channel];
   return group.time == time && channel.frequency == key.frequency && channel.mode == key.mode;
@@ -67,7 +58,7 @@ void SpotQueue::append(double time, double frequency, int mode, std::string_view
   if (std::isnan(time)) return;
   const ChannelKey key{frequency, mode, band};
   const bool goes_on = goesOn(time, key);
-  Minute& minute = goes_on ? *last_.minute : by_minute_[minuteOf(time)];
+  Minute& minute = goes_on ? *last_.minute : by_minute_[launcher::minuteOf(time)];
   makeRoom(minute.spots);
   const std::uint32_t sender = senders_.acquire(callsign);
   try {
@@ -115,7 +106,7 @@ void SpotQueue::release(const Minute& minute) {
 
 void SpotQueue::pruneBefore(double cutoff) {
   if (std::isnan(cutoff)) return;
-  const std::int64_t minute = minuteOf(cutoff);
+  const std::int64_t minute = launcher::minuteOf(cutoff);
   auto bucket = by_minute_.begin();
   while (bucket != by_minute_.end() && bucket->first <= minute) {
     if (bucket->first == minute) pruneMinute(bucket->second, cutoff);

@@ -12,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "api/rate_index.hpp"
 #include "spots/flat_index.hpp"
 #include "spots/interned.hpp"
 
@@ -158,14 +159,11 @@ class SpotQueue {
     Minute* minute = nullptr;
   };
 
-  // floor(time / 60), held to the range of the type. Never falls as `time` grows.
-  static std::int64_t minuteOf(double time);
-
   template <typename Fn>
   void forEachMinute(double from, double to, Fn&& fn) const {
     if (!(from <= to)) return;
-    const auto end = by_minute_.upper_bound(minuteOf(to));
-    for (auto minute = by_minute_.lower_bound(minuteOf(from)); minute != end; ++minute) {
+    const auto end = by_minute_.upper_bound(launcher::minuteOf(to));
+    for (auto minute = by_minute_.lower_bound(launcher::minuteOf(from)); minute != end; ++minute) {
       fn(minute->second);
     }
   }

@@ -1,6 +1,8 @@
 // The spot data behind its lock.
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <stop_token>
 
 #include "server/mutex.hpp"
@@ -44,14 +46,15 @@ class SpotStore {
   // threads that call it at once, the first reads and the others return when it is done.
   void refresh(double now, double min_interval) noexcept;
 
-  // Ends a read under way, now and for good: later refreshes read no more lines and no more
-  // history. Any thread, any number of times; takes no lock.
+  // Ends a read under way, now and for good: later refreshes leave everything as it is. Any thread,
+  // any number of times; takes no lock.
   void interrupt() noexcept;
 
  private:
   Mutex mutex_;
   SpotData data_ SPOT_GUARDED_BY(mutex_);
   std::stop_source stop_;
+  std::atomic<std::uint64_t> long_refreshes_ = 0;  // that have ended
 };
 
 }  // namespace spotserver

@@ -1,6 +1,7 @@
 #include "spots/spot_store.hpp"
 
 #include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -10,6 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "history_file.hpp"
 #include "log_lines.hpp"
 #include "temp_dir.hpp"
 
@@ -53,6 +55,35 @@ TEST(SpotStore, RefreshReadsWhatIsNew) {
   EXPECT_EQ(store.lock()->spots.size(), 1u);
   store.refresh(kNow + 15, 15);
   EXPECT_EQ(store.lock()->spots.size(), 2u);
+}
+
+TEST(SpotStore, AnInterruptedStoreIsLeftAsItIs) {
+  TempDir dir;
+  SpotStore store;
+  store.lock()->all_txt_path = dir.write("ALL.TXT", heard("N0AAA"));
+  store.refresh(kNow, 0);
+  store.lock()->history_in_use = true;  // although no history can be read
+  store.interrupt();
+  dir.append("ALL.TXT", heard("N0BBB"));
+  store.refresh(kNow + 100'000, 0);
+  const auto held = store.lock();
+  EXPECT_TRUE(held->history_in_use);
+  EXPECT_EQ(held->spots.size(), 1u);
+  EXPECT_EQ(held->last_refresh, kNow);
+}
+
+// A history locked by its writer takes five seconds.
+TEST(SpotStore, ALongRefreshServesAllWhoWaitedForIt) {
+  TempDir dir;
+  HistoryFile history(dir.path("history.sqlite3"));
+  history.exec("BEGIN EXCLUSIVE");
+  SpotStore store;
+  store.lock()->history_path = dir.path("history.sqlite3");
+  const auto begin = std::chrono::steady_clock::now();
+  std::vector<std::thread> phones;
+  for (int i = 0; i < 4; ++i) phones.emplace_back([&store, i] { store.refresh(kNow + i, 0); });
+  for (auto& phone : phones) phone.join();
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(9));
 }
 
 TEST(SpotStore, RefreshWaitsForWhoeverHoldsTheStore) {

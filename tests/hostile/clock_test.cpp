@@ -130,9 +130,14 @@ TEST_F(WrongClock, DecoderInTheYear2099FillsNoMemory) {
   setClock(0);
   constexpr std::int64_t kFarAhead = 4'090'000'000;  // in 2099
   std::string lines = logText(heard_);
-  const std::string line = e2e::logLine({kFarAhead, "14.074", "FT8", "K1ABC"});
-  lines.reserve(lines.size() + 200'000 * line.size());
-  for (int i = 0; i < 200'000; ++i) lines += line;
+  const auto line = [](int i) {
+    const std::string callsign =
+        "K" + std::to_string(i % 10) +
+        std::string{char('A' + i / 10 % 26), char('A' + i / 260 % 26), char('A' + i / 6760 % 26)};
+    return e2e::logLine({kFarAhead, "14.074", "FT8", callsign});
+  };
+  lines.reserve(lines.size() + 200'000 * line(0).size());
+  for (int i = 0; i < 200'000; ++i) lines += line(i);
   station_.writeLog(logText(heard_));
   ServerProcess server = serve("0");
   expectTheDay();
