@@ -14,6 +14,7 @@
 #include "api/json_answer.hpp"
 #include "server/json_text.hpp"
 #include "server/request_gate.hpp"
+#include "server/tls_check.hpp"
 #include "server/version.hpp"
 #include "spots/regular_file.hpp"
 
@@ -93,7 +94,15 @@ void answerFailure(httplib::Response& response) {
 }
 
 // Versions of the library before 0.10.4 or so do not give their TLS context out; there the
-// connections run without deadlines of ours.
+// handshake is not tried and the connections run without deadlines of ours.
+template <typename Server>
+bool isHeard(Server& server) {
+  if constexpr (requires { server.ssl_context(); }) {
+    return shakesHands(*server.ssl_context());
+  }
+  return true;
+}
+
 template <typename Server>
 void watchConnections(Server& server, Connections& connections) {
   if constexpr (requires { server.ssl_context(); }) {
@@ -102,11 +111,13 @@ void watchConnections(Server& server, Connections& connections) {
   }
 }
 
-// Null when the key is no regular file: the library would wait for the writer of a FIFO.
+// Null when the key is no regular file: the library would wait for the writer of a FIFO. Null also
+// when the library rejects certificate or key, or nobody could connect to what it made of them.
 template <typename Server>
 std::unique_ptr<Server> makeServer(const ServerSettings& settings) {
   if (!isRegularFile(settings.key)) return nullptr;
-  return std::make_unique<Server>(settings.cert.c_str(), settings.key.c_str());
+  auto server = std::make_unique<Server>(settings.cert.c_str(), settings.key.c_str());
+  return server->is_valid() && isHeard(*server) ? std::move(server) : nullptr;
 }
 
 }  // namespace
@@ -196,7 +207,7 @@ HttpService::HttpService(const ServerSettings& settings, SpotStore& store, const
 
 HttpService::~HttpService() = default;
 
-bool HttpService::valid() const { return server_ && server_->is_valid(); }
+bool HttpService::valid() const { return server_ != nullptr; }
 
 bool HttpService::bind() {
   if (!server_->bind_to_port(bind_address_, port_)) return false;

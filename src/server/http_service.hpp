@@ -37,7 +37,8 @@ class HttpService {
               const std::string& fingerprint, const ConnectionLimits& limits = {});
   ~HttpService();
 
-  // False when the TLS context rejects the certificate or the key.
+  // False when the TLS context rejects the certificate or the key, or no handshake comes through.
+  // The rest needs a valid service.
   bool valid() const;
 
   // Binds the listener; false when that fails.

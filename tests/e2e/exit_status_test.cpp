@@ -124,6 +124,17 @@ TEST(ExitStatus, KeyThatIsGarbage) {
                 "Failed to initialise TLS server (bad certificate or key?)");
 }
 
+// The system may forbid every protocol version that the server has: nobody could connect.
+TEST(ExitStatus, TlsThatNobodyCouldTalkTo) {
+  const Station station;
+  writeFile(station.workFile("openssl.cnf"),
+            "openssl_conf = all\n[all]\nssl_conf = tls\n[tls]\nsystem_default = contexts\n"
+            "[contexts]\nMaxProtocol = TLSv1\n");
+  Launch launch = station.usualLaunch();
+  launch.environment["OPENSSL_CONF"] = station.workFile("openssl.cnf");
+  expectFailure(runToEnd(launch), "Failed to initialise TLS server (bad certificate or key?)");
+}
+
 TEST(ExitStatus, SecondInstanceOnThePort) {
   const Station station;
   ServerProcess first = station.serve({"--pid-file", "first.pid"});

@@ -73,8 +73,8 @@ Places::Places(const std::string& what, long count, long few) : count_(count) {
 }
 
 Tally::~Tally() {
-  std::printf("%s: %ld served, %ld told why not, %ld aborted, %ld unheard\n", what_.c_str(),
-              counts_[0], counts_[1], counts_[2], counts_[3]);
+  std::printf("%s: %ld served, %ld told why not, %ld aborted\n", what_.c_str(), counts_[0],
+              counts_[1], counts_[2]);
 }
 
 bool isSpecified(int status, const std::string& errors) {

@@ -78,7 +78,6 @@ enum class Ending {
   kServing,
   kRefused,  // it told why and ended
   kAborted,  // without memory even for that
-  kUnheard,  // it runs, but closes every connection: OpenSSL lacks what it had no memory for
 };
 
 // What became of many runs; printed when it goes.
@@ -89,11 +88,11 @@ class Tally {
   Tally(const Tally&) = delete;
   Tally& operator=(const Tally&) = delete;
   void add(Ending ending) { ++counts_[static_cast<int>(ending)]; }
-  long runs() const { return counts_[0] + counts_[1] + counts_[2] + counts_[3]; }
+  long runs() const { return counts_[0] + counts_[1] + counts_[2]; }
 
  private:
   std::string what_;
-  long counts_[4] = {};
+  long counts_[3] = {};
 };
 
 // Waits until the server serves or has ended. Throws when it does neither in time, and when it ends
