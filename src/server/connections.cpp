@@ -1,7 +1,6 @@
 #include "server/connections.hpp"
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <condition_variable>
 #include <memory>
@@ -9,22 +8,21 @@
 #include <utility>
 #include <vector>
 
-#include <malloc.h>
 #include <openssl/bio.h>
-#include <poll.h>
-#include <sys/mman.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
+#include "server/linger.hpp"
 #include "server/mutex.hpp"
 #include "server/stack_thread.hpp"
+#include "server/waiting_line.hpp"
+#include "server/worker_memory.hpp"
 
 namespace spotserver {
 namespace {
 
 using Clock = std::chrono::steady_clock;
 using Time = ConnectionSlot::Time;
-using Job = std::function<void()>;
+using Job = WaitingLine::Job;
 
 // The library matches a Range header with a recursive regular expression: 8 KB of header take
 // 4 MB of stack. Threads must not depend on the stack limit the service was started with.
@@ -34,98 +32,7 @@ constexpr std::size_t kWatcherStack = std::size_t{256} << 10;
 // How often the watcher looks while there is any connection.
 constexpr std::chrono::milliseconds kWatchInterval{100};
 
-// The connections that wait for a worker, first come first served. The room is taken once: a
-// connection must not be lost because memory ran out while it was put in line. The server holds at
-// most 1024 descriptors, so the line is never full.
-class WaitingLine {
- public:
-  std::size_t size() const { return count_; }
-  bool empty() const { return count_ == 0; }
-  bool full() const { return count_ == jobs_.size(); }
-  void push(Job job, Time now) { at(count_++) = {std::move(job), now}; }
-  Job pop() {
-    Job job = std::exchange(jobs_[first_].job, nullptr);
-    first_ = (first_ + 1) % jobs_.size();
-    --count_;
-    return job;
-  }
-  // How many came before `then`.
-  std::size_t waitingSince(Time then) {
-    std::size_t longer = 0;
-    while (longer < count_ && at(longer).since < then) ++longer;
-    return longer;
-  }
-
- private:
-  struct Waiting {
-    Job job;
-    Time since{};
-  };
-  Waiting& at(std::size_t i) { return jobs_[(first_ + i) % jobs_.size()]; }
-
-  std::vector<Waiting> jobs_ = std::vector<Waiting>(1024);
-  std::size_t first_ = 0;
-  std::size_t count_ = 0;
-};
-
-// The C library gives most threads a memory pool of their own, which keeps what one large request
-// has taken. A few pools for all workers keep that to a few requests' worth.
-void shareMemoryPools() {
-#ifdef M_ARENA_MAX
-  ::mallopt(M_ARENA_MAX, 2);
-#endif
-}
-
-// Address space that is left for the requests when as many threads as possible have taken theirs.
-class SpareMemory {
- public:
-  SpareMemory() = default;
-  ~SpareMemory() {
-    if (begin_ != MAP_FAILED) ::munmap(begin_, kSize);
-  }
-  SpareMemory(const SpareMemory&) = delete;
-  SpareMemory& operator=(const SpareMemory&) = delete;
-
- private:
-  static constexpr std::size_t kSize = std::size_t{64} << 20;
-  void* const begin_ =
-      ::mmap(nullptr, kSize, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-};
-
-// Tells the peer that nothing follows, then reads and drops what it still sends until it closes or
-// `patience` is over. Closing at once would answer its next bytes with a reset, and a reset makes
-// many clients lose an answer that they have not read yet.
-void linger(int fd, SSL* ssl, std::chrono::milliseconds patience) {
-  SSL_shutdown(ssl);
-  ::shutdown(fd, SHUT_WR);
-  const auto end = Clock::now() + patience;
-  std::array<char, 16384> dropped;
-  for (;;) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
-    if (left.count() <= 0) return;
-    pollfd waiting{fd, POLLIN, 0};
-    if (::poll(&waiting, 1, static_cast<int>(left.count())) <= 0) return;
-    if (::recv(fd, dropped.data(), dropped.size(), MSG_DONTWAIT) <= 0) return;
-  }
-}
-
 }  // namespace
-
-std::optional<Time> deadlineOf(const ConnectionSlot& slot, const ConnectionLimits& limits) {
-  switch (slot.phase) {
-    case Phase::kHandshake:
-      return slot.since + limits.handshake;
-    case Phase::kReading:
-      return slot.since + limits.request;
-    case Phase::kServing:
-      if (slot.writing_since) return *slot.writing_since + limits.write;
-      return std::nullopt;
-    case Phase::kFree:
-    case Phase::kIdle:
-      return std::nullopt;
-  }
-  return std::nullopt;
-}
 
 struct Connections::Core {
   struct Worker {
@@ -160,6 +67,7 @@ struct Connections::Core {
   WaitingLine jobs SPOT_GUARDED_BY(mutex);
   // Fixed once started; until then only the watcher looks, under the mutex.
   std::vector<std::unique_ptr<Worker>> workers;
+  std::vector<ConnectionSlot*> slots SPOT_GUARDED_BY(mutex);  // theirs
   std::size_t free_workers SPOT_GUARDED_BY(mutex) = 0;
   bool watcher_sleeps SPOT_GUARDED_BY(mutex) = false;  // until there is a connection
   bool stopping SPOT_GUARDED_BY(mutex) = false;
@@ -174,7 +82,10 @@ struct Connections::Core {
 
   static thread_local Worker* current;  // the worker this thread is
 
-  Core(const ConnectionLimits& l, std::function<void()> s) : limits(l), on_stopping(std::move(s)) {}
+  Core(const ConnectionLimits& l, std::function<void()> s) : limits(l), on_stopping(std::move(s)) {
+    workers.reserve(limits.workers);
+    slots.reserve(limits.workers);
+  }
 
   // --- threads ---
 
@@ -182,7 +93,6 @@ struct Connections::Core {
   void start() {
     shareMemoryPools();
     const SpareMemory spare;
-    workers.reserve(limits.workers);
     has_watcher = startThread(watcher, kWatcherStack, watcherEntry, this);
     while (has_watcher && workers.size() < limits.workers && addWorker()) {
     }
@@ -196,6 +106,7 @@ struct Connections::Core {
     worker->core = this;
     MutexLock lock(mutex);  // the new worker waits for it
     if (!startThread(worker->thread, kWorkerStack, workerEntry, worker.get())) return false;
+    slots.push_back(&worker->slot);
     workers.push_back(std::move(worker));
     ++free_workers;
     return true;
@@ -222,8 +133,7 @@ struct Connections::Core {
       Job job = jobs.pop();
       --free_workers;
       worker.slot = ConnectionSlot{};
-      worker.slot.phase = Phase::kHandshake;
-      worker.slot.since = Clock::now();
+      enter(worker.slot, Phase::kHandshake, Clock::now());
       if (watcher_sleeps) watch.notify_one();  // else it looks again soon by itself
       lock.unlock();
       serve(worker, job);
@@ -268,8 +178,8 @@ struct Connections::Core {
         watch.wait_for(lock, kWatchInterval);
       }
       const auto now = Clock::now();
-      cutOverstayed(now);
-      makeRoom(now);
+      cutOverstayed(slots, limits, now);
+      makeRoom(slots, limits, now, jobs.waitingSince(now - kWatchInterval));
     }
   }
 
@@ -302,18 +212,14 @@ struct Connections::Core {
     {
       MutexLock lock(mutex);
       stopping = true;
-      // A request whose first byte has come counts as in flight.
-      for (const auto& worker : workers) {
-        const auto phase = worker->slot.phase;
-        if (phase == Phase::kHandshake || phase == Phase::kIdle) cut(worker->slot);
-      }
+      cutAll(slots, Phase::kIdle);
     }
     work.notify_all();
     if (on_stopping) on_stopping();
     if (!waitForWorkers(begin + limits.drain)) {
       {
         MutexLock lock(mutex);
-        for (const auto& worker : workers) cut(worker->slot);
+        cutAll(slots, Phase::kServing);
       }
       abandoned = !waitForWorkers(begin + limits.release);
     }
@@ -344,65 +250,7 @@ struct Connections::Core {
     });
   }
 
-  // --- cutting ---
-
-  void cut(ConnectionSlot& slot) SPOT_REQUIRES(mutex) {
-    slot.cut = true;
-    if (slot.fd >= 0) ::shutdown(slot.fd, SHUT_RDWR);
-  }
-
-  void cutOverstayed(Time now) SPOT_REQUIRES(mutex) {
-    for (const auto& worker : workers) {
-      auto& slot = worker->slot;
-      const auto deadline = deadlineOf(slot, limits);
-      if (!slot.cut && deadline && *deadline <= now) cut(slot);
-    }
-  }
-
-  // Keeps what all requests hold in memory within bounds. One within its share is never the cause.
-  void cutLargestRequest() SPOT_REQUIRES(mutex) {
-    std::size_t all = 0;
-    ConnectionSlot* largest = nullptr;
-    for (const auto& worker : workers) {
-      auto& slot = worker->slot;
-      all += slot.received;
-      if (!slot.cut && (!largest || slot.received > largest->received)) largest = &slot;
-    }
-    if (largest && all > limits.all_request_bytes && largest->received > requestShare()) {
-      cut(*largest);
-    }
-  }
-  std::size_t requestShare() const { return limits.all_request_bytes / limits.workers; }
-
-  // When more connections have waited for a while than workers are about to be free, those that
-  // have been idle longest give way. A connection between handshake and first request is idle too:
-  // limits.idle gives it the time to ask.
-  void makeRoom(Time now) SPOT_REQUIRES(mutex) {
-    const auto leaving =
-        static_cast<std::size_t>(std::count_if(workers.begin(), workers.end(), [](const auto& w) {
-          return w->slot.phase != Phase::kFree && w->slot.cut;
-        }));
-    const auto waiting = jobs.waitingSince(now - kWatchInterval);
-    for (auto room = free_workers + leaving; room < waiting; ++room) {
-      ConnectionSlot* longest = nullptr;
-      for (const auto& worker : workers) {
-        auto& slot = worker->slot;
-        if (slot.phase != Phase::kIdle || slot.cut || now - slot.since < limits.idle) continue;
-        if (!longest || slot.since < longest->since) longest = &slot;
-      }
-      if (!longest) return;
-      cut(*longest);
-    }
-  }
-
   // --- what the connections report ---
-
-  static void enter(ConnectionSlot& slot, Phase phase) {
-    slot.phase = phase;
-    slot.since = Clock::now();
-    slot.writing_since.reset();
-    if (phase == Phase::kIdle) slot.received = 0;
-  }
 
   // OpenSSL calls this as a handshake begins and ends, on the worker's thread.
   static void onTls(const SSL* ssl, int where, int /*ret*/) {
@@ -413,7 +261,7 @@ struct Connections::Core {
       worker.core->attach(worker, ssl);
     }
     if ((where & SSL_CB_HANDSHAKE_DONE) != 0 && worker.slot.phase == Phase::kHandshake) {
-      enter(worker.slot, Phase::kIdle);
+      enter(worker.slot, Phase::kIdle, Clock::now());
     }
   }
 
@@ -436,7 +284,7 @@ struct Connections::Core {
     const std::size_t bytes = result > 0 && processed ? *processed : 0;
     const long outcome = worker.core->noteSocket(worker.slot, bio, operation, bytes, result);
     const bool read = operation == (BIO_CB_READ | BIO_CB_RETURN) && bytes > 0;
-    if (read && worker.core->waitsForTurn(worker.slot)) worker.core->takeTurn(worker.slot);
+    if (read) worker.core->takeTurn(worker.slot);
     return outcome;
   }
 
@@ -453,7 +301,7 @@ struct Connections::Core {
         endTurn(slot);
         break;
       case BIO_CB_READ | BIO_CB_RETURN:
-        if (bytes > 0) received(slot, bytes);
+        if (bytes > 0) noteReceived(slots, slot, limits, Clock::now(), bytes);
         break;
       case BIO_CB_WRITE:
         if (!slot.writing_since) slot.writing_since = Clock::now();
@@ -471,30 +319,16 @@ struct Connections::Core {
     return result;
   }
 
-  void received(ConnectionSlot& slot, std::size_t bytes) SPOT_REQUIRES(mutex) {
-    if (slot.phase == Phase::kIdle) enter(slot, Phase::kReading);
-    if (slot.phase != Phase::kReading) return;
-    slot.received += bytes;
-    if (slot.received > limits.request_bytes) cut(slot);
-    if (slot.received > requestShare()) cutLargestRequest();
-  }
-
   // --- deep requests ---
 
   // The library may need half a kilobyte of stack for every byte of a header. Requests large
   // enough for that to matter are parsed one at a time, and their workers give the stack back.
-  bool isDeep(const ConnectionSlot& slot) const SPOT_REQUIRES(mutex) {
-    return slot.received > limits.deep_request_bytes;
-  }
-  bool waitsForTurn(const ConnectionSlot& slot) {
-    MutexLock lock(mutex);
-    return slot.phase == Phase::kReading && isDeep(slot);
-  }
 
   // Before the bytes just read go to the library. A turn ends by itself when the library does not
   // parse but waits for more.
   void takeTurn(const ConnectionSlot& slot) SPOT_NO_THREAD_SAFETY_ANALYSIS {
     std::unique_lock lock(mutex.native());
+    if (slot.phase != Phase::kReading || !isDeep(slot, limits)) return;
     while (!slot.cut && parsing && Clock::now() < turn_end) next.wait_until(lock, turn_end);
     parsing = &slot;
     turn_end = Clock::now() + limits.turn;
@@ -502,7 +336,7 @@ struct Connections::Core {
 
   // On the slot's own worker, with nothing of the library's parser left on its stack.
   void parsed(const ConnectionSlot& slot) SPOT_REQUIRES(mutex) {
-    if (!isDeep(slot)) return;
+    if (!isDeep(slot, limits)) return;
     trimStack();
     endTurn(slot);
   }
@@ -535,10 +369,7 @@ std::unique_ptr<httplib::TaskQueue> Connections::start() {
 
 std::size_t Connections::inFlight() const {
   MutexLock lock(core_->mutex);
-  const auto& workers = core_->workers;
-  return static_cast<std::size_t>(std::count_if(workers.begin(), workers.end(), [](const auto& w) {
-    return w->slot.phase == Phase::kReading || w->slot.phase == Phase::kServing;
-  }));
+  return spotserver::inFlight(core_->slots);
 }
 
 void Connections::releaseAcceptLoop() noexcept { core_->accepting = false; }
@@ -550,7 +381,7 @@ void Connections::requestComplete() {
   auto& worker = *Core::current;
   MutexLock lock(worker.core->mutex);
   worker.core->parsed(worker.slot);
-  Core::enter(worker.slot, Phase::kServing);
+  enter(worker.slot, Phase::kServing, Clock::now());
 }
 
 void Connections::closeAfterAnswer() {
@@ -574,8 +405,8 @@ void Connections::answered() {
   if (closing) linger(worker.slot.fd, worker.slot.ssl, worker.core->limits.linger);
   MutexLock lock(worker.core->mutex);
   worker.core->parsed(worker.slot);
-  Core::enter(worker.slot, Phase::kIdle);
-  if (closing) worker.core->cut(worker.slot);
+  enter(worker.slot, Phase::kIdle, Clock::now());
+  if (closing) cut(worker.slot);
 }
 
 }  // namespace spotserver

@@ -2,10 +2,8 @@
 //
 // The HTTP library hands every accepted socket to a task queue; whoever runs the task serves that
 // connection until it ends. With the library's own pool, eight silent phones take all eight
-// threads. Here a fixed set of workers serves one connection each, and a slot per worker says what
-// its connection is doing:
-//
-//   free -> handshake -> idle -> reading -> serving -> idle -> ... -> free
+// threads. Here a fixed set of workers serves one connection each, and a slot per worker
+// (server/connection_slot) says what its connection is doing.
 //
 // The transitions come from where the facts are: TLS and socket callbacks see the handshake and
 // every byte, the request gate sees a complete request head, the library's logger a written
@@ -13,56 +11,16 @@
 // never closes it, so the worker finds the connection at its end and leaves by the ordinary path.
 #pragma once
 
-#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <memory>
-#include <optional>
 
 #include <httplib.h>
 #include <openssl/ssl.h>
 
+#include "server/connection_slot.hpp"
+
 namespace spotserver {
-
-// What a connection may cost.
-struct ConnectionLimits {
-  using Duration = std::chrono::milliseconds;
-  std::size_t workers = 64;
-  std::size_t connections = 1000;          // accepted at a time; further ones wait to be accepted
-  Duration handshake{10'000};              // the whole TLS handshake
-  Duration request{30'000};                // first byte to complete request head
-  Duration write{30'000};                  // without taking a byte of the answer
-  Duration idle{1'000};                    // idle for so long, it may have to give way to others
-  std::size_t request_bytes = 256 * 1024;  // received before the request head is complete
-  // Of all requests together, before the largest is cut. A header of five bytes takes a hundred.
-  std::size_t all_request_bytes = 640 * 1024;
-  std::size_t deep_request_bytes = 512;  // from here on requests are parsed one at a time
-  Duration turn{50};                     // each for so long at most
-  Duration linger{1'000};                // reading on after an answer given before the body
-  Duration drain{2'000};                 // for requests in flight when the service stops
-  Duration release{2'800};               // for everything when the service stops
-};
-
-enum class Phase { kFree, kHandshake, kIdle, kReading, kServing };
-
-// What one worker's connection is doing.
-struct ConnectionSlot {
-  using Time = std::chrono::steady_clock::time_point;
-  Phase phase = Phase::kFree;
-  Time since{};                       // when this phase began
-  std::optional<Time> writing_since;  // when the write under way last moved
-  std::size_t received = 0;           // bytes of the request that is read or served
-  int fd = -1;                        // -1 before TLS has the socket and after it let go
-  SSL* ssl = nullptr;                 // the library's
-  bool close_after_answer = false;
-  bool cut = false;
-};
-
-// When the slot's connection will have overstayed; empty: it may stay. An idle connection may stay
-// until the library ends it, or until others wait and no worker is free: then the one idle longest
-// gives way.
-std::optional<ConnectionSlot::Time> deadlineOf(const ConnectionSlot& slot,
-                                               const ConnectionLimits& limits);
 
 // Thread-safe. Outlives the server whose connections it keeps.
 class Connections {

@@ -39,35 +39,6 @@ namespace spotserver {
 namespace {
 
 using namespace std::chrono_literals;
-using Time = ConnectionSlot::Time;
-
-const Time kStart{1h};
-
-ConnectionSlot slotIn(Phase phase) {
-  ConnectionSlot slot;
-  slot.phase = phase;
-  slot.since = kStart;
-  return slot;
-}
-
-TEST(ConnectionDeadline, EachPhaseHasItsOwn) {
-  const ConnectionLimits limits;
-  EXPECT_EQ(deadlineOf(slotIn(Phase::kHandshake), limits), kStart + 10s);
-  EXPECT_EQ(deadlineOf(slotIn(Phase::kReading), limits), kStart + 30s);
-  EXPECT_EQ(deadlineOf(slotIn(Phase::kFree), limits), std::nullopt);
-}
-
-TEST(ConnectionDeadline, AnIdleConnectionIsTheLibrarysAffair) {
-  EXPECT_EQ(deadlineOf(slotIn(Phase::kIdle), ConnectionLimits{}), std::nullopt);
-}
-
-TEST(ConnectionDeadline, AnAnswerMayTakeLongWhileThePeerTakesBytes) {
-  const ConnectionLimits limits;
-  auto slot = slotIn(Phase::kServing);
-  EXPECT_EQ(deadlineOf(slot, limits), std::nullopt);
-  slot.writing_since = kStart + 100s;
-  EXPECT_EQ(deadlineOf(slot, limits), kStart + 130s);
-}
 
 TEST(Connections, CallsFromOtherThreadsHaveNoEffect) {
   Connections connections{ConnectionLimits{}};

@@ -1,0 +1,113 @@
+#include "server/connection_slot.hpp"
+
+#include <algorithm>
+
+#include <sys/socket.h>
+
+namespace spotserver {
+namespace {
+
+using Time = ConnectionSlot::Time;
+
+bool isFreeSoon(const ConnectionSlot* slot) { return slot->phase == Phase::kFree || slot->cut; }
+
+// None: nobody has been idle for long enough.
+ConnectionSlot* longestIdle(ConnectionSlots slots, const ConnectionLimits& limits, Time now) {
+  ConnectionSlot* longest = nullptr;
+  for (ConnectionSlot* slot : slots) {
+    if (slot->phase != Phase::kIdle || slot->cut || now - slot->since < limits.idle) continue;
+    if (!longest || slot->since < longest->since) longest = slot;
+  }
+  return longest;
+}
+
+std::size_t shareOf(const ConnectionLimits& limits) {
+  return limits.all_request_bytes / limits.workers;
+}
+
+// Keeps what all requests hold in memory within bounds. One within its share is never the cause.
+void cutLargestRequest(ConnectionSlots slots, const ConnectionLimits& limits) {
+  std::size_t all = 0;
+  ConnectionSlot* largest = nullptr;
+  for (ConnectionSlot* slot : slots) {
+    all += slot->received;
+    if (!slot->cut && (!largest || slot->received > largest->received)) largest = slot;
+  }
+  if (largest && all > limits.all_request_bytes && largest->received > shareOf(limits)) {
+    cut(*largest);
+  }
+}
+
+}  // namespace
+
+void enter(ConnectionSlot& slot, Phase phase, Time now) {
+  slot.phase = phase;
+  slot.since = now;
+  slot.writing_since.reset();
+  if (phase == Phase::kIdle) slot.received = 0;
+}
+
+std::optional<Time> deadlineOf(const ConnectionSlot& slot, const ConnectionLimits& limits) {
+  switch (slot.phase) {
+    case Phase::kHandshake:
+      return slot.since + limits.handshake;
+    case Phase::kReading:
+      return slot.since + limits.request;
+    case Phase::kServing:
+      if (slot.writing_since) return *slot.writing_since + limits.write;
+      return std::nullopt;
+    case Phase::kFree:
+    case Phase::kIdle:
+      return std::nullopt;
+  }
+  return std::nullopt;
+}
+
+bool isDeep(const ConnectionSlot& slot, const ConnectionLimits& limits) {
+  return slot.received > limits.deep_request_bytes;
+}
+
+void cut(ConnectionSlot& slot) {
+  slot.cut = true;
+  if (slot.fd >= 0) ::shutdown(slot.fd, SHUT_RDWR);
+}
+
+void cutOverstayed(ConnectionSlots slots, const ConnectionLimits& limits, Time now) {
+  for (ConnectionSlot* slot : slots) {
+    const auto deadline = deadlineOf(*slot, limits);
+    if (!slot->cut && deadline && *deadline <= now) cut(*slot);
+  }
+}
+
+void cutAll(ConnectionSlots slots, Phase last) {
+  for (ConnectionSlot* slot : slots) {
+    if (slot->phase != Phase::kFree && slot->phase <= last) cut(*slot);
+  }
+}
+
+void makeRoom(ConnectionSlots slots, const ConnectionLimits& limits, Time now,
+              std::size_t waiting) {
+  auto room = static_cast<std::size_t>(std::count_if(slots.begin(), slots.end(), isFreeSoon));
+  for (; room < waiting; ++room) {
+    ConnectionSlot* longest = longestIdle(slots, limits, now);
+    if (!longest) return;
+    cut(*longest);
+  }
+}
+
+void noteReceived(ConnectionSlots slots, ConnectionSlot& slot, const ConnectionLimits& limits,
+                  Time now, std::size_t bytes) {
+  if (slot.phase == Phase::kIdle) enter(slot, Phase::kReading, now);
+  if (slot.phase != Phase::kReading) return;
+  slot.received += bytes;
+  if (slot.received > limits.request_bytes) cut(slot);
+  if (slot.received > shareOf(limits)) cutLargestRequest(slots, limits);
+}
+
+std::size_t inFlight(ConnectionSlots slots) {
+  return static_cast<std::size_t>(std::count_if(slots.begin(), slots.end(), [](const auto* slot) {
+    return slot->phase == Phase::kReading || slot->phase == Phase::kServing;
+  }));
+}
+
+}  // namespace spotserver
