@@ -90,4 +90,20 @@ class FileSizeLimit {
   void (*const signal_before_)(int);
 };
 
+// No more than `most` descriptors; those that are open already count, and stay.
+class DescriptorLimit {
+ public:
+  explicit DescriptorLimit(rlim_t most) {
+    ::getrlimit(RLIMIT_NOFILE, &before_);
+    const rlimit limit{most, before_.rlim_max};
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+  }
+  ~DescriptorLimit() { ::setrlimit(RLIMIT_NOFILE, &before_); }
+  DescriptorLimit(const DescriptorLimit&) = delete;
+  DescriptorLimit& operator=(const DescriptorLimit&) = delete;
+
+ private:
+  rlimit before_{};
+};
+
 }  // namespace spotserver

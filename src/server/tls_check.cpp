@@ -54,11 +54,11 @@ bool takeTurn(SSL& side) {
 }
 
 bool shakeHands(SSL& server, SSL& client) {
-  for (int turn = 0; turn < kTurns; ++turn) {
-    if (!takeTurn(client) || !takeTurn(server)) return false;
-    if (SSL_is_init_finished(&client) && SSL_is_init_finished(&server)) return true;
+  bool shaken = false;
+  for (int turn = 0; !shaken && turn < kTurns && takeTurn(client) && takeTurn(server); ++turn) {
+    shaken = SSL_is_init_finished(&client) && SSL_is_init_finished(&server);
   }
-  return false;
+  return shaken;
 }
 
 }  // namespace

@@ -39,6 +39,21 @@ TEST(ExitStatus, DaemonLogThatCannotBeOpened) {
                 "Cannot open daemon log: " + log);
 }
 
+// With one descriptor after the other: the log comes before the pipe, and that takes two.
+TEST(ExitStatus, BackgroundWithoutDescriptorsForItsPipe) {
+  const Station station;
+  makeIdentity(station, "my.crt", "my.key");
+  Launch launch = station.usualLaunch({"--daemon", "--log-file", station.workFile("spot.log"),
+                                       "--cert", "my.crt", "--key", "my.key"});
+  Outcome outcome;
+  for (rlim_t most = 4; outcome.errors != "pipe failed\n" && most < 32; ++most) {
+    launch.limits[RLIMIT_NOFILE] = most;
+    outcome = runToEnd(launch);
+    ASSERT_NE(outcome.status, 0) << most;
+  }
+  expectFailure(outcome, "pipe failed");
+}
+
 TEST(ExitStatus, PidFileInAMissingDirectory) {
   const Station station;
   const std::string pid_file = station.workFile("missing/spot.pid");

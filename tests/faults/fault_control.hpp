@@ -21,6 +21,7 @@ enum class Call : int {
   kClose,     // which closes all the same, as the kernel does
   kStat,      // stat, lstat, fstat
   kName,      // rename, link, unlink, mkdir, rmdir, symlink
+  kSpawn,     // fork, pthread_create
 };
 
 // In place of an errno: half of what was asked for is read or written, at least one byte.

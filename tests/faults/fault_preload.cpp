@@ -8,6 +8,7 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -253,6 +254,16 @@ int mkdir(const char* path, mode_t mode) {
 }
 int rmdir(const char* path) {
   return fails(Call::kName) ? -1 : NEXT(rmdir, int(const char*), path);
+}
+
+// ---- processes and threads ----
+
+pid_t fork() { return fails(Call::kSpawn) ? -1 : NEXT(fork, pid_t()); }
+int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*),
+                   void* argument) {
+  if (fails(Call::kSpawn)) return EAGAIN;
+  return NEXT(pthread_create, int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*),
+              thread, attributes, entry, argument);
 }
 
 }  // extern "C"

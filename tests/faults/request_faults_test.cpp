@@ -278,5 +278,35 @@ TEST_F(FaultsInARequest, Health) {
   }
 }
 
+// On a connection that stands, so that nearly all that fails is the answer itself.
+TEST_F(FaultsInARequest, AnswerThatHasNoMemoryIsAnEmpty500OrNone) {
+  const Station station;
+  identity_.giveTo(station);
+  FaultSwitch faults(station.home() + "/faults");
+  ServerProcess server(faults.under(station.usualLaunch({"--history-db", "off"})));
+  server.awaitOutput(e2e::kReady);
+  long told = 0;
+  for (long place = 0; place == 0 || faults.struck(); ++place) {
+    SCOPED_TRACE(place);
+    e2e::TlsClient client(station.port());
+    client.request("GET", e2e::kHealthPath);
+    faults.arm({"allocation", Call::kAllocate, ENOMEM}, place);
+    try {
+      const e2e::Response answer =
+          client.request("GET", e2e::kActivityPath, e2e::bearer(e2e::kToken));
+      told += answer.status == 500 ? 1 : 0;
+      if (answer.status != 200) {
+        EXPECT_EQ(answer.status_line, "HTTP/1.1 500 Internal Server Error");
+        EXPECT_EQ(answer.body, "");
+        EXPECT_EQ(answer.header("EXCEPTION_WHAT"), "");
+      }
+    } catch (const std::runtime_error& error) {
+      EXPECT_EQ(std::string(error.what()).find("silent"), std::string::npos) << error.what();
+    }
+    faults.disarm();
+  }
+  EXPECT_GT(told, 0);
+}
+
 }  // namespace
 }  // namespace spotserver::faults

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
+#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -235,6 +236,34 @@ TEST_F(FaultsAtStart, MemoryOfAFirstStart) {
 TEST_F(FaultsAtStart, MemoryOfASecondStart) {
   const MadeIdentity identity;
   for (const Fault& fault : kMemoryFaults) failEverywhere("second start", fault, &identity, 60);
+}
+
+// The two forks of the way into the background: only the first has somebody to tell.
+TEST_F(FaultsAtStart, WithoutAProcessThereIsNoBackground) {
+  const Station station;
+  FaultSwitch faults(station.home() + "/faults");
+  const std::string log = station.home() + "/daemon.log";
+  for (const auto& [fork, told] : {std::pair(0, "fork failed\n"), std::pair(1, "")}) {
+    faults.arm({"fork", Call::kSpawn, EAGAIN}, fork);
+    const e2e::Outcome outcome =
+        runToEnd(faults.under(station.usualLaunch({"--daemon", "--log-file", log})));
+    EXPECT_TRUE(faults.struck());
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.errors, told);
+    EXPECT_EQ(readFile(log), "");
+  }
+}
+
+TEST_F(FaultsAtStart, WithoutAnyThreadThereIsNoService) {
+  const Station station;
+  FaultSwitch faults(station.home() + "/faults");
+  faults.arm({"thread", Call::kSpawn, EAGAIN, true}, 0);
+  const e2e::Outcome outcome = runToEnd(faults.under(station.usualLaunch(kArguments)));
+  EXPECT_TRUE(outcome.output.ends_with(e2e::kReady)) << outcome.output;
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.errors, "Failed to bind https://127.0.0.1:" + station.portText() +
+                                " (port in use or permission denied?)\n");
+  EXPECT_FALSE(exists(station.workFile("spot.pid")));
 }
 
 }  // namespace
