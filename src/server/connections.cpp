@@ -49,7 +49,7 @@ struct Connections::Core {
     // Older versions of the library return nothing here, newer ones whether the job was taken.
     using Taken = decltype(std::declval<httplib::TaskQueue&>().enqueue(std::declval<Job>()));
     Taken enqueue(Job job) override { return static_cast<Taken>(core_.enqueue(std::move(job))); }
-    void shutdown() override { core_.stop(); }
+    void shutdown() override {}
 
    private:
     Core& core_;
@@ -206,7 +206,6 @@ struct Connections::Core {
     }
   }
 
-  // Called by the accept loop when it has ended.
   void stop() {
     const auto begin = Clock::now();
     {
@@ -362,10 +361,13 @@ Connections::~Connections() {
 
 void Connections::watch(SSL_CTX* context) { SSL_CTX_set_info_callback(context, Core::onTls); }
 
-std::unique_ptr<httplib::TaskQueue> Connections::start() {
-  core_->start();
+void Connections::start() { core_->start(); }
+
+std::unique_ptr<httplib::TaskQueue> Connections::queue() {
   return std::make_unique<Core::Queue>(*core_);
 }
+
+void Connections::stop() { core_->stop(); }
 
 std::size_t Connections::inFlight() const {
   MutexLock lock(core_->mutex);

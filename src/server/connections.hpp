@@ -35,15 +35,20 @@ class Connections {
   // Makes the connections of this TLS context report here. Before the first connection.
   void watch(SSL_CTX* context);
 
-  // Starts the workers, as many of limits.workers as the system grants, and returns the task queue
-  // that feeds them. They inherit the caller's signal mask. While limits.connections are open, the
-  // queue holds the accept loop up. Its shutdown ends the service: idle connections at once,
-  // requests in flight after limits.drain at the latest.
-  // Once only. Throws std::system_error when not even one worker can be started.
-  std::unique_ptr<httplib::TaskQueue> start();
+  // Starts the workers, as many of limits.workers as the system grants. They inherit the caller's
+  // signal mask. Once only. Throws std::system_error when not even one worker can be started.
+  void start();
+
+  // A task queue that feeds the workers, for one run of the accept loop. While limits.connections
+  // are open, it holds the loop up. Its shutdown does nothing: the loop may run again.
+  std::unique_ptr<httplib::TaskQueue> queue();
 
   // The accept loop is about to end: hold it up no longer. Async-signal-safe.
   void releaseAcceptLoop() noexcept;
+
+  // Ends the service: idle connections at once, requests in flight after limits.drain at the
+  // latest. Once only, after start() and when no accept loop runs any more.
+  void stop();
 
   // Requests of which a byte has come and the answer is not written yet.
   std::size_t inFlight() const;

@@ -64,25 +64,37 @@ class ConnectionQueue : public testing::Test {
 TEST_F(ConnectionQueue, RunsEveryJobAndStopsOnce) {
   int stops = 0;
   Connections connections{smallLimits(), [&stops] { ++stops; }};
-  const auto queue = connections.start();
+  connections.start();
+  const auto queue = connections.queue();
   std::atomic<int> ran = 0;
   for (int i = 0; i < 100; ++i) queue->enqueue([&ran] { ++ran; });
-  queue->shutdown();
+  connections.stop();
   EXPECT_EQ(ran, 100);
   EXPECT_EQ(stops, 1);
   EXPECT_FALSE(connections.abandoned());
 }
 
+TEST_F(ConnectionQueue, TheEndOfAnAcceptLoopIsNotThatOfTheService) {
+  Connections connections{smallLimits()};
+  connections.start();
+  connections.queue()->shutdown();
+  std::promise<void> ran;
+  connections.queue()->enqueue([&ran] { ran.set_value(); });
+  ran.get_future().wait();
+  connections.stop();
+}
+
 TEST_F(ConnectionQueue, AJobThatThrowsLeavesItsWorkerAtWork) {
   Connections connections{smallLimits()};
-  const auto queue = connections.start();
+  connections.start();
+  const auto queue = connections.queue();
   std::atomic<int> ran = 0;
   for (int i = 0; i < 10; ++i) {
     queue->enqueue([] { throw std::out_of_range("a number in a header"); });
     queue->enqueue([] { throw 1; });
     queue->enqueue([&ran] { ++ran; });
   }
-  queue->shutdown();
+  connections.stop();
   EXPECT_EQ(ran, 10);
 }
 
@@ -98,7 +110,8 @@ TEST_F(ConnectionQueue, BeyondTheBoundTheAcceptLoopWaits) {
   auto limits = smallLimits();
   limits.connections = 3;  // two with workers, one in line
   Connections connections{limits};
-  const auto queue = connections.start();
+  connections.start();
+  const auto queue = connections.queue();
   std::promise<void> release;
   const auto released = release.get_future().share();
   for (int i = 0; i < 3; ++i) queue->enqueue([released] { released.wait(); });
@@ -106,14 +119,15 @@ TEST_F(ConnectionQueue, BeyondTheBoundTheAcceptLoopWaits) {
   EXPECT_EQ(fourth.wait_for(200ms), std::future_status::timeout);
   release.set_value();
   fourth.get();
-  queue->shutdown();
+  connections.stop();
 }
 
 TEST_F(ConnectionQueue, AnAcceptLoopThatEndsIsNotHeldUp) {
   auto limits = smallLimits();
   limits.connections = 1;
   Connections connections{limits};
-  const auto queue = connections.start();
+  connections.start();
+  const auto queue = connections.queue();
   std::promise<void> release;
   const auto released = release.get_future().share();
   queue->enqueue([released] { released.wait(); });
@@ -121,7 +135,7 @@ TEST_F(ConnectionQueue, AnAcceptLoopThatEndsIsNotHeldUp) {
   connections.releaseAcceptLoop();
   second.get();
   release.set_value();
-  queue->shutdown();
+  connections.stop();
 }
 
 TEST_F(ConnectionQueue, AWorkerThatCannotBeStoppedIsLeftBehind) {
@@ -129,14 +143,15 @@ TEST_F(ConnectionQueue, AWorkerThatCannotBeStoppedIsLeftBehind) {
   const auto released = release.get_future().share();
   {
     Connections connections{smallLimits()};
-    const auto queue = connections.start();
+    connections.start();
+    const auto queue = connections.queue();
     std::promise<void> running;
     queue->enqueue([&running, released] {
       running.set_value();
       released.wait();
     });
     running.get_future().wait();
-    queue->shutdown();
+    connections.stop();
     EXPECT_TRUE(connections.abandoned());
   }
   release.set_value();
@@ -146,11 +161,11 @@ TEST(ConnectionsStart, AsManyWorkersAsTheSystemGrantsWillDo) {
   ConnectionLimits limits;
   limits.workers = 4;
   Connections connections(limits);
-  std::unique_ptr<httplib::TaskQueue> queue;
   {
     const FewThreads few(3);  // the watcher and two workers
-    queue = connections.start();
+    connections.start();
   }
+  const auto queue = connections.queue();
   std::promise<void> together[2];
   for (int job = 0; job < 2; ++job) {
     queue->enqueue([&together, job] {  // ends once the other runs as well
@@ -158,7 +173,7 @@ TEST(ConnectionsStart, AsManyWorkersAsTheSystemGrantsWillDo) {
       together[1 - job].get_future().wait();
     });
   }
-  queue->shutdown();
+  connections.stop();
   EXPECT_FALSE(connections.abandoned());
 }
 

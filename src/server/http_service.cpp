@@ -1,8 +1,10 @@
 #include "server/http_service.hpp"
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <ctime>
+#include <thread>
 #include <utility>
 
 #include <fcntl.h>
@@ -13,6 +15,7 @@
 #include "api/activity_endpoint.hpp"
 #include "api/json_answer.hpp"
 #include "server/json_text.hpp"
+#include "server/owned.hpp"
 #include "server/request_gate.hpp"
 #include "server/tls_check.hpp"
 #include "server/version.hpp"
@@ -38,6 +41,8 @@ void limitDescriptors() {
 // What the station's files may need at a time beside the connections: the log, the country file,
 // and SQLite's database, journals and temporary files.
 constexpr std::size_t kDescriptorsForFiles = 8;
+// Itself and a copy, for when the library closes it.
+constexpr std::size_t kDescriptorsForListener = 2;
 
 std::size_t freeDescriptors() {
   rlimit limit{};
@@ -54,7 +59,7 @@ std::size_t freeDescriptors() {
 ConnectionLimits withinDescriptors(ConnectionLimits limits) {
   limitDescriptors();
   const std::size_t free = freeDescriptors();
-  const std::size_t taken = kDescriptorsForFiles + 1;
+  const std::size_t taken = kDescriptorsForFiles + kDescriptorsForListener;
   limits.connections = std::min(limits.connections, std::max(free, taken + 2) - taken);
   const std::size_t waiting = std::max<std::size_t>(1, limits.connections / 4);
   limits.workers = std::min(limits.workers, limits.connections - waiting);
@@ -65,6 +70,15 @@ ConnectionLimits withinDescriptors(ConnectionLimits limits) {
 void setReuseAddress(int socket) {
   const int yes = 1;
   setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+}
+
+// Before the next try when an accept has failed.
+constexpr std::chrono::milliseconds kPause{10};
+
+bool isListening(const Fd& socket) {
+  int listening = 0;
+  socklen_t size = sizeof listening;
+  return getsockopt(socket.get(), SOL_SOCKET, SO_ACCEPTCONN, &listening, &size) == 0 && listening;
 }
 
 using Verdict = httplib::Server::HandlerResponse;
@@ -159,6 +173,10 @@ class HttpService::Server : public httplib::SSLServer {
     ::close(listener);
     return true;
   }
+
+  // The listener under a second descriptor; empty when there is none to be had.
+  Fd copyListener() const { return Fd(::fcntl(svr_sock_, F_DUPFD_CLOEXEC, 0)); }
+  void putListener(Fd listener) { svr_sock_ = listener.release(); }
 };
 
 HttpService::HttpService(const ServerSettings& settings, SpotStore& store, const std::string& token,
@@ -218,14 +236,32 @@ bool HttpService::bind() {
 bool HttpService::serve(std::function<void()> on_running) {
   // The library asks for the task queue once it counts as running: from then on stop() works.
   server_->new_task_queue = [this, &on_running] {
-    auto queue = connections_.start();
-    on_running();
-    return queue.release();
+    if (++runs_ == 1) {
+      connections_.start();
+      on_running();
+    }
+    if (stopped_) stop();  // it came while no loop ran
+    return connections_.queue().release();
   };
-  return server_->listen_after_bind();
+  acceptUntilStopped();
+  connections_.stop();
+  return stopped_;
+}
+
+// The library ends its accept loop and closes the listener at most errors of accept, those of one
+// connection or of a system that is short of files or memory for a moment, too. The loop then runs
+// again, with the same listener, unless this is a version of the library that runs it only once.
+void HttpService::acceptUntilStopped() {
+  for (int run = 1; !stopped_; ++run) {
+    Fd listener = server_->copyListener();
+    if (server_->listen_after_bind() || runs_ < run || !isListening(listener)) return;
+    std::this_thread::sleep_for(kPause);
+    server_->putListener(std::move(listener));
+  }
 }
 
 void HttpService::stop() noexcept {
+  stopped_ = true;
   if (server_->takeListener()) connections_.releaseAcceptLoop();
 }
 

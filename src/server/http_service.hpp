@@ -1,6 +1,7 @@
 // The one HTTPS listener: its options, routes, life and end.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
@@ -44,13 +45,14 @@ class HttpService {
   // Binds the listener; false when that fails.
   bool bind();
 
-  // Runs the accept loop until stop(). `on_running` is called on this thread once stop() takes
-  // effect and before the first connection. Returns true when the service was stopped, false when
-  // the accept loop failed by itself.
+  // Accepts connections until stop(). `on_running` is called on this thread before the first
+  // connection. Goes on when an accept fails that says nothing about the listener. Returns true
+  // when the service was stopped, false when the listener is gone without that. Once only.
+  // Throws std::system_error when no thread can be had.
   bool serve(std::function<void()> on_running);
 
-  // Takes the listening socket away, which ends the accept loop. Async-signal-safe; a second call
-  // does nothing, nor does one before the loop runs.
+  // Takes the listening socket away, which ends serve(). Async-signal-safe; a second call does
+  // nothing. From on_running on it takes effect at once, before that as serve() begins.
   void stop() noexcept;
 
   // See Connections.
@@ -59,11 +61,16 @@ class HttpService {
 
  private:
   class Server;
+  void acceptUntilStopped();
+
   TokenThrottle throttle_;
   Connections connections_;
   std::unique_ptr<Server> server_;
   std::string bind_address_;
   int port_;
+  int runs_ = 0;  // of the library's accept loop
+  std::atomic<bool> stopped_ = false;
+  static_assert(std::atomic<bool>::is_always_lock_free);
 };
 
 }  // namespace spotserver

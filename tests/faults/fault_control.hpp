@@ -22,6 +22,7 @@ enum class Call : int {
   kStat,      // stat, lstat, fstat
   kName,      // rename, link, unlink, mkdir, rmdir, symlink
   kSpawn,     // fork, pthread_create
+  kAccept,    // accept, accept4
 };
 
 // In place of an errno: half of what was asked for is read or written, at least one byte.

@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -254,6 +255,17 @@ int mkdir(const char* path, mode_t mode) {
 }
 int rmdir(const char* path) {
   return fails(Call::kName) ? -1 : NEXT(rmdir, int(const char*), path);
+}
+
+// ---- connections ----
+
+int accept(int listener, sockaddr* peer, socklen_t* size) {
+  if (fails(Call::kAccept)) return -1;
+  return NEXT(accept, int(int, sockaddr*, socklen_t*), listener, peer, size);
+}
+int accept4(int listener, sockaddr* peer, socklen_t* size, int flags) {
+  if (fails(Call::kAccept)) return -1;
+  return NEXT(accept4, int(int, sockaddr*, socklen_t*, int), listener, peer, size, flags);
 }
 
 // ---- processes and threads ----

@@ -1,0 +1,88 @@
+// Accepts that fail though nothing is wrong with the listener: the server goes on with it, and
+// keeps the connections that it has.
+#include <cerrno>
+#include <csignal>
+#include <optional>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "faults/fault_driver.hpp"
+#include "sanitizers.hpp"
+
+namespace spotserver::faults {
+namespace {
+
+using e2e::TlsClient;
+
+const Fault kPassingFaults[] = {
+    {"connection gone", Call::kAccept, ECONNABORTED},
+    {"protocol error", Call::kAccept, EPROTO},
+    {"no file in the whole system", Call::kAccept, ENFILE},
+    {"no buffer", Call::kAccept, ENOBUFS},
+    {"no memory", Call::kAccept, ENOMEM},
+};
+
+class FaultsOfAccept : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (kSanitized) GTEST_SKIP() << "the sanitizers' own library takes the place of ours";
+  }
+
+  void serve() {
+    server_.emplace(faults_.under(station_.usualLaunch({"--pid-file", "spot.pid"})));
+    server_->awaitOutput(e2e::kReady);
+  }
+
+  // An accept that waits already ends with this connection, and the next one fails.
+  void strike(const Fault& fault) {
+    faults_.arm(fault, 0);
+    const Fd connection = e2e::connectTcp(station_.port());
+    const auto deadline = e2e::Clock::now() + e2e::kPatience;
+    while (!faults_.struck() && e2e::Clock::now() < deadline) std::this_thread::yield();
+    ASSERT_TRUE(faults_.struck());
+  }
+
+  void expectServed() const { EXPECT_EQ(station_.get(e2e::kHealthPath).status, 200); }
+
+  void expectGoodEnd() {
+    server_->signal(SIGTERM);
+    EXPECT_EQ(server_->waitForExit(), 0);
+    EXPECT_EQ(server_->errors(), "");
+    EXPECT_FALSE(e2e::exists(station_.workFile("spot.pid")));
+  }
+
+  const e2e::Station station_;
+  FaultSwitch faults_{station_.home() + "/faults"};
+  std::optional<e2e::ServerProcess> server_;
+};
+
+TEST_F(FaultsOfAccept, OneThatPassesIsNotTheEnd) {
+  serve();
+  TlsClient standing(station_.port());
+  for (const Fault& fault : kPassingFaults) {
+    SCOPED_TRACE(describe(fault));
+    ASSERT_NO_FATAL_FAILURE(strike(fault));
+    expectServed();
+    EXPECT_EQ(standing.request("GET", e2e::kHealthPath).status, 200);
+  }
+  expectGoodEnd();
+}
+
+TEST_F(FaultsOfAccept, WhoCameMeanwhileIsServedOnceItIsOver) {
+  serve();
+  ASSERT_NO_FATAL_FAILURE(strike({"no memory", Call::kAccept, ENOMEM, true}));
+  const Fd waiting = e2e::connectTcp(station_.port());
+  faults_.disarm();
+  expectServed();
+  expectGoodEnd();
+}
+
+TEST_F(FaultsOfAccept, StopIsHeardWhileTheyLast) {
+  serve();
+  ASSERT_NO_FATAL_FAILURE(strike({"no memory", Call::kAccept, ENOMEM, true}));
+  expectGoodEnd();
+}
+
+}  // namespace
+}  // namespace spotserver::faults
