@@ -25,6 +25,7 @@
 #include <sys/socket.h>
 
 #include "server/owned.hpp"
+#include "statistics.hpp"
 
 namespace {
 
@@ -109,20 +110,6 @@ void measure(SSL_CTX* context, Server& server) {
   server.processor.push_back((microseconds(server.processor_time) - processor) / kMeasured);
 }
 
-double quantile(std::vector<double> values, double part) {
-  std::sort(values.begin(), values.end());
-  return values[static_cast<std::size_t>(part * static_cast<double>(values.size() - 1))];
-}
-
-void report(const char* what, const std::vector<double>& first, const std::vector<double>& second) {
-  std::vector<double> ratios;
-  for (std::size_t i = 0; i < first.size(); ++i) ratios.push_back(first[i] / second[i]);
-  std::printf("%s %8.1f us %8.1f us  ratio %.3f  (of pairs: %.3f, quartiles %.3f %.3f)\n", what,
-              quantile(first, 0.5), quantile(second, 0.5),
-              quantile(first, 0.5) / quantile(second, 0.5), quantile(ratios, 0.5),
-              quantile(ratios, 0.25), quantile(ratios, 0.75));
-}
-
 Server serverFrom(char** arguments) {
   Server server{.port = std::atoi(arguments[0])};
   if (clock_getcpuclockid(std::atoi(arguments[1]), &server.processor_time) != 0) {
@@ -150,8 +137,8 @@ void run(int argc, char** argv) {
     measure(context.get(), round % 2 == 0 ? second : first);
   }
   std::printf("bytes     %11zu %11zu\n", first.answer_size, second.answer_size);
-  report("processor", first.processor, second.processor);
-  report("time     ", first.elapsed, second.elapsed);
+  spotserver::reportPairs("processor", first.processor, second.processor, "us");
+  spotserver::reportPairs("time", first.elapsed, second.elapsed, "us");
 }
 
 }  // namespace
