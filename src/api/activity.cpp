@@ -52,7 +52,12 @@ struct ChannelLog {
 };
 
 std::vector<ChannelLog> channelLogs(const SpotQueue& spots, double from, double to) {
-  std::vector<std::vector<SlotCount>> slots(spots.channelIdEnd());
+  // Counted first: vectors that grow would be copied, and leave holes where they were.
+  std::vector<std::size_t> sizes(spots.channelIdEnd());
+  spots.forEachInterval(from, to,
+                        [&](double, std::uint32_t channel, std::uint64_t) { ++sizes[channel]; });
+  std::vector<std::vector<SlotCount>> slots(sizes.size());
+  for (std::uint32_t id = 0; id < sizes.size(); ++id) slots[id].reserve(sizes[id]);
   spots.forEachInterval(from, to, [&](double time, std::uint32_t channel, std::uint64_t count) {
     slots[channel].push_back({time, count});
   });

@@ -37,13 +37,27 @@ std::int64_t saturated(double whole) {
   return static_cast<std::int64_t>(whole);
 }
 
-bool isAcceptable(double now, double start, double length_s, double frequency_hz) {
-  if (!std::isfinite(now) || !std::isfinite(start) || !std::isfinite(length_s)) return false;
-  if (length_s <= 0) return false;
-  if (start + length_s > now + kUnfinishedTolerance) return false;
-  if (start < now - kRetention) return false;
-  return std::isfinite(frequency_hz);
-}
+// The intervals of a report that are taken in at `now`. What is no finite number is within no
+// bounds.
+class Acceptable {
+ public:
+  Acceptable(const SourceReport& report, double now)
+      : any_(std::isfinite(now) && report.length_s > 0 && std::isfinite(report.length_s) &&
+             std::isfinite(report.frequency_hz)),
+        length_(report.length_s),
+        earliest_(now - kRetention),
+        latest_end_(now + kUnfinishedTolerance) {}
+
+  bool operator()(const SlotCount& slot) const {
+    return any_ && slot.start >= earliest_ && slot.start + length_ <= latest_end_;
+  }
+
+ private:
+  bool any_;
+  double length_;
+  double earliest_;
+  double latest_end_;
+};
 
 // The minute of `start` and the whole second within it. Neither falls as `start` grows within one
 // minute, so the starts of one second are neighbours in any ascending order.
@@ -52,11 +66,17 @@ std::pair<std::int64_t, std::int64_t> minuteAndSecond(double start) {
   return {minute, saturated(std::trunc(start - 60 * static_cast<double>(minute)))};
 }
 
+// Whether `later` begins so far behind `earlier` that they lie in two seconds of any count. False
+// says nothing. Times beyond these bounds are too far to be counted in whole seconds.
+bool clearlyBehind(double later, double earlier) {
+  constexpr double kCountable = 0x1p52;
+  return later - earlier > 2 && earlier > -kCountable && later < kCountable;
+}
+
 bool inOneSecond(double a, double b) {
   if (a == b) return true;
-  // Spares the divisions. Times beyond these are too far to be counted in whole seconds.
-  constexpr double kCountable = 0x1p52;
-  if (std::abs(a - b) > 2 && std::abs(a) < kCountable && std::abs(b) < kCountable) return false;
+  // Spares the divisions.
+  if (clearlyBehind(a, b) || clearlyBehind(b, a)) return false;
   return minuteAndSecond(a) == minuteAndSecond(b);
 }
 
@@ -70,10 +90,8 @@ std::span<const IntervalRecord> heldFrom(const SourceIntervals& source, double f
 }
 
 void addReport(BandRateIndex& index, const SourceReport& report, double now) {
-  const auto refused = [&](const SlotCount& slot) {
-    return !isAcceptable(now, slot.start, report.length_s, report.frequency_hz);
-  };
-  auto slot = std::find_if_not(report.slots.begin(), report.slots.end(), refused);
+  const Acceptable acceptable(report, now);
+  auto slot = std::find_if(report.slots.begin(), report.slots.end(), acceptable);
   if (slot == report.slots.end()) return;
   const BandInfo band = bandForFrequency(report.frequency_hz);
   BandRateEntry& entry =
@@ -82,7 +100,7 @@ void addReport(BandRateIndex& index, const SourceReport& report, double now) {
   SourceIntervals& source = entry.by_source[report.source_key];
   if (source.held().empty()) source.reserve(report.slots.size());
   for (; slot != report.slots.end(); ++slot) {
-    if (refused(*slot)) continue;
+    if (!acceptable(*slot)) continue;
     entry.first_start = std::min(entry.first_start, slot->start);
     source.add({slot->start, slot->start + report.length_s, slot->count});
   }
@@ -219,6 +237,14 @@ void drawCurve(const BandRateEntry& band, double window, std::span<RatePoint> po
 }  // namespace
 
 void SourceIntervals::add(const IntervalRecord& record) {
+  if (!held().empty() && clearlyBehind(record.start, records_.back().start)) {
+    records_.push_back(record);
+  } else {
+    addAmong(record);
+  }
+}
+
+void SourceIntervals::addAmong(const IntervalRecord& record) {
   auto next = records_.end();
   const auto first = records_.begin() + static_cast<std::ptrdiff_t>(dropped_);
   if (next != first && std::prev(next)->start >= record.start) {
@@ -247,9 +273,7 @@ void addInterval(BandRateIndex& index, std::string_view source_key, std::uint64_
 
 void addIntervals(BandRateIndex& index, std::span<const SourceReport> reports, double now) {
   const auto counts = [now](const SourceReport& report) {
-    return std::any_of(report.slots.begin(), report.slots.end(), [&](const SlotCount& slot) {
-      return isAcceptable(now, slot.start, report.length_s, report.frequency_hz);
-    });
+    return std::any_of(report.slots.begin(), report.slots.end(), Acceptable(report, now));
   };
   // What is accepted starts after the retention's begin: pruning once is pruning before each.
   if (std::any_of(reports.begin(), reports.end(), counts)) pruneIndex(index, now);

@@ -45,6 +45,8 @@ class SourceIntervals {
   void dropBefore(std::int64_t minute);
 
  private:
+  void addAmong(const IntervalRecord& record);
+
   std::vector<IntervalRecord> records_;  // the first dropped_ of them are no longer held
   std::size_t dropped_ = 0;
 };
