@@ -6,13 +6,16 @@
 // are measured, so no handshake is in the numbers. Medians over all rounds, and the ratio of the
 // first server's to the second's.
 //   poll 200 '/api/v1/activity?hours=24' 7373 $PID 7374 $OTHER_PID 'X-Spot-Token: t'
-// Headers behind the servers go to both; one that begins with "1:" goes to the first only.
+// Headers behind the servers go to both; one that begins with "1:" goes to the first only. The word
+// "append:LOG" is no header: a decode of this moment is appended to the decode log before every
+// question, so that a server that looks at once has to compute its answer anew.
 #include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -38,6 +41,7 @@ struct Server {
   int port = 0;
   clockid_t processor_time = {};
   std::string request = {};
+  std::string log = {};                // a line goes there before every question; empty: none
   std::size_t answer_size = 0;         // of the last answer, head included
   std::vector<double> processor = {};  // microseconds an answer
   std::vector<double> elapsed = {};
@@ -100,12 +104,27 @@ double microseconds(clockid_t clock) {
   return static_cast<double>(time.tv_sec) * 1e6 + static_cast<double>(time.tv_nsec) / 1e3;
 }
 
+void appendDecode(const std::string& log) {
+  const std::time_t now = std::time(nullptr);
+  std::tm date{};
+  gmtime_r(&now, &date);
+  char line[96];
+  const std::size_t size = std::strftime(
+      line, sizeof line, "%y%m%d_%H%M%S    14.074 Rx FT8    -12  0.2 1234 CQ N0CALL FN42\n", &date);
+  std::ofstream(log, std::ios::app).write(line, static_cast<std::streamsize>(size));
+}
+
+void ask(Connection& connection, Server& server) {
+  if (!server.log.empty()) appendDecode(server.log);
+  server.answer_size = connection.ask(server.request);
+}
+
 void measure(SSL_CTX* context, Server& server) {
   Connection connection(context, server.port);
-  connection.ask(server.request);
+  ask(connection, server);
   const double processor = microseconds(server.processor_time);
   const double begin = microseconds(CLOCK_MONOTONIC);
-  for (int i = 0; i < kMeasured; ++i) server.answer_size = connection.ask(server.request);
+  for (int i = 0; i < kMeasured; ++i) ask(connection, server);
   server.elapsed.push_back((microseconds(CLOCK_MONOTONIC) - begin) / kMeasured);
   server.processor.push_back((microseconds(server.processor_time) - processor) / kMeasured);
 }
@@ -125,6 +144,10 @@ void run(int argc, char** argv) {
   first.request = second.request = std::string("GET ") + argv[2] + " HTTP/1.1\r\nHost: s\r\n";
   for (int i = 7; i < argc; ++i) {
     const std::string_view header = argv[i];
+    if (header.starts_with("append:")) {
+      first.log = second.log = header.substr(7);
+      continue;
+    }
     const bool first_only = header.starts_with("1:");
     first.request += std::string(header.substr(first_only ? 2 : 0)) + "\r\n";
     if (!first_only) second.request += std::string(header) + "\r\n";

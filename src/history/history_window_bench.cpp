@@ -41,9 +41,10 @@ const std::string& thirtyDays() {
 }
 
 void BM_FirstDay(benchmark::State& state) {
+  const std::string& path = thirtyDays();
   for (auto _ : state) {
     SpotData data;
-    data.history_path = thirtyDays();
+    data.history_path = path;
     readHistoryWindow(data, kNow - launcher::kRetention, kNow);
     benchmark::DoNotOptimize(data.intervals.size());
   }
