@@ -3,11 +3,11 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <initializer_list>
 #include <iterator>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "spots/interned.hpp"
 
@@ -44,19 +44,20 @@ class IntervalQueue {
   void replaceFrom(double from, std::span<const Fresh> fresh, std::span<const std::string> bands);
   // Throws std::bad_alloc, and then holds what it held before.
   void push_back(const Interval& interval);
-  // Drops intervals from the front while they start before `cutoff`.
+  // Drops intervals from the front while they start before `cutoff`. Cost: those dropped; now and
+  // then the others are moved forward.
   void pruneBefore(double cutoff) noexcept;
-  void clear() noexcept;
+  void clear() noexcept { *this = {}; }
 
-  std::size_t size() const { return held_.size(); }
-  bool empty() const { return held_.empty(); }
+  std::size_t size() const { return all_.size() - dropped_; }
+  bool empty() const { return size() == 0; }
   Interval front() const { return (*this)[0]; }
   Interval operator[](std::size_t place) const;
 
   // Calls fn(double start, std::uint32_t band, std::uint64_t count) for every interval in order.
   template <typename Fn>
   void forEach(Fn&& fn) const {
-    for (const Fresh& one : held_) fn(one.start, one.band, one.count);
+    for (const Fresh& one : held()) fn(one.start, one.band, one.count);
   }
   // The band id that forEach named; valid until the queue changes.
   const std::string& band(std::uint32_t id) const { return bands_[id]; }
@@ -92,7 +93,12 @@ class IntervalQueue {
   Iterator end() const { return {this, size()}; }
 
  private:
-  std::deque<Fresh> held_;      // `band` is an id of bands_
+  void makeRoom(std::size_t count);
+  std::span<const Fresh> held() const { return std::span(all_).subspan(dropped_); }
+
+  // One array: every answer walks over a day of them.
+  std::vector<Fresh> all_;  // `band` is an id of bands_; the first dropped_ are no longer held
+  std::size_t dropped_ = 0;
   Interned<TextTraits> bands_;  // held by the intervals
 };
 

@@ -36,6 +36,33 @@ TEST(IntervalQueue, GivesBackWhatItWasGiven) {
   EXPECT_TRUE(queue.empty());
 }
 
+TEST(IntervalQueue, LetsTheOldestGoOneByOne) {
+  IntervalQueue queue;
+  std::vector<Interval> expected;
+  for (int i = 0; i < 100; ++i) {
+    const Interval interval{15.0 * i, i % 3 == 0 ? "20m" : "40m", static_cast<std::uint64_t>(i)};
+    queue.push_back(interval);
+    expected.push_back(interval);
+  }
+  while (!expected.empty()) {
+    ASSERT_EQ(queue.size(), expected.size());
+    EXPECT_EQ(queue.front().count, expected.front().count);
+    EXPECT_EQ(queue[queue.size() - 1].start, expected.back().start);
+    std::size_t seen = 0;
+    queue.forEach([&](double start, std::uint32_t band, std::uint64_t) {
+      EXPECT_EQ(start, expected[seen].start);
+      EXPECT_EQ(queue.band(band), expected[seen++].band);
+    });
+    EXPECT_EQ(seen, expected.size());
+    queue.pop_front();
+    expected.erase(expected.begin());
+    if (expected.size() % 10 != 5) continue;
+    queue.push_back({9'000, "30m", 7});  // behind a gap that may not be closed yet
+    queue.replaceFrom(9'000, {}, {});
+  }
+  EXPECT_TRUE(queue.empty());
+}
+
 TEST(IntervalQueue, TheFastVisitSeesTheSame) {
   const IntervalQueue queue = {{10, "20m", 1}, {20, "40m", 2}, {30, "20m", 3}};
   std::vector<std::string> seen;
