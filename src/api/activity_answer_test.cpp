@@ -81,6 +81,19 @@ TEST(ActivityAnswer, AShortDocumentIsNotWorthCompressing) {
   EXPECT_TRUE(ActivityAnswer(hourOf(1)).gzippedDocument(kNow));
 }
 
+TEST(ActivityAnswer, GivenAgainTakesThreePiecesOfMemoryHoweverLongItIs) {
+  for (const int bands : {1, 13, 400}) {
+    const ActivityAnswer answer(hourOf(bands));
+    answer.gzippedDocument(kNow);
+    const long before = FailingMemory::taken();
+    answer.document(kNow + 1);
+    const long plain = FailingMemory::taken();
+    answer.gzippedDocument(kNow + 1);
+    EXPECT_LE(plain - before, 3) << bands;
+    EXPECT_LE(FailingMemory::taken() - plain, 3) << bands;
+  }
+}
+
 TEST(ActivityAnswer, ManyThreadsAtOnceGetTheSameText) {
   const ActivityAnswer answer(hourOf(13));
   const std::string expected = plainDocument(hourOf(13));

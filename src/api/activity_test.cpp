@@ -13,6 +13,7 @@
 
 #include "api/band_plan.hpp"
 #include "api/rate_index_reference.hpp"
+#include "failing_memory.hpp"
 #include "spots/heard_callsigns_reference.hpp"
 #include "spots/mode.hpp"
 
@@ -331,6 +332,39 @@ TEST(BuildActivity, OtherViewsThanTheAllowedAreInvalid) {
   EXPECT_THROW(buildActivity(data, 6, 0, kNow), std::invalid_argument);
   EXPECT_THROW(buildActivity(data, 6, 41, kNow), std::invalid_argument);
   EXPECT_NO_THROW(buildActivity(data, 6, 40, kNow));
+}
+
+// A day of the two channels, an interval every `step` seconds; from the log or from the history.
+SpotData dayOfTwoChannels(bool from_history, int step) {
+  SpotData data;
+  std::vector<launcher::SourceReport> reports;
+  for (const double frequency : {k20m, k40m}) {
+    reports.push_back({launcher::channelKey("FT8", frequency), frequency, 15, {}});
+  }
+  for (double time = kNow - 86'400; time < kNow - 15; time += step) {
+    for (launcher::SourceReport& report : reports) {
+      if (!from_history) addSpots(data, time, report.frequency_hz, kFt8, 1);
+      report.slots.push_back({time, 1});
+      data.intervals.push_back({time, launcher::bandForFrequency(report.frequency_hz).id, 1});
+    }
+  }
+  data.history_in_use = from_history;
+  if (from_history) launcher::addIntervals(data.rates, reports, kNow);
+  return data;
+}
+
+TEST(BuildActivity, TakesPiecesOfMemoryByBandsAndNotByIntervals) {
+  for (const bool from_history : {false, true}) {
+    const auto taken = [from_history](int step) {
+      const SpotData data = dayOfTwoChannels(from_history, step);
+      const long before = FailingMemory::taken();
+      buildActivity(data, 24, 3, kNow);
+      return FailingMemory::taken() - before;
+    };
+    const long few = taken(3600);
+    EXPECT_LE(few, 40) << from_history;
+    EXPECT_EQ(taken(15), few) << from_history;
+  }
 }
 
 TEST(BuildActivity, LeavesTheCacheAlone) {
