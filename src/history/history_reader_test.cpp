@@ -406,6 +406,30 @@ TEST_F(HistoryReading, AscendingByStartThenByReceiver) {
   EXPECT_THAT(countsOf(found), ElementsAre(1, 10, 2, 20, 3, 30, 4, 40, 1));
 }
 
+TEST_F(HistoryReading, TheLastMinuteIsInOrderToo) {
+  HistoryFile file(path_);
+  for (const char* receiver : {"south", "north"}) {
+    file.add({.receiver = receiver, .minute = kMinute, .counts = countsBlob({1, 2, 3, 4})});
+  }
+  EXPECT_THAT(countsOf(readHistory(path_, kBase, kBase + 300)),
+              ElementsAre(1, 1, 2, 2, 3, 3, 4, 4));
+}
+
+TEST_F(HistoryReading, AFileThatMayNotBeReadIsNoLackOfDescriptors) {
+  const AsOrdinaryUser user;
+  const TempDir dir;
+  dir.write("history.sqlite3", "");
+  ::chmod(dir.path("history.sqlite3").c_str(), 0);
+  try {
+    readHistory(dir.path("history.sqlite3"), kBase, kBase + 300);
+    FAIL() << "read";
+  } catch (const OutOfDescriptors&) {
+    FAIL() << "taken for a lack of descriptors";
+  } catch (const std::runtime_error& error) {
+    EXPECT_STREQ(error.what(), "unable to open database file");
+  }
+}
+
 TEST_F(HistoryReading, ValuesOfOtherTypesAreConvertedAsSqliteDoes) {
   HistoryFile file(path_);
   file.exec("DROP TABLE minutes");

@@ -1,6 +1,8 @@
 #include "server/settings.hpp"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <deque>
 #include <map>
 #include <random>
@@ -21,6 +23,7 @@ namespace {
 
 // Each read takes the next of these errors instead of working, 0 being none, until all are taken.
 std::deque<int> g_read_errors;
+std::size_t g_longest_read = SIZE_MAX;
 
 }  // namespace
 
@@ -28,7 +31,7 @@ std::deque<int> g_read_errors;
 extern "C" ssize_t read(int fd, void* buffer, std::size_t size) {
   const int error = g_read_errors.empty() ? 0 : g_read_errors.front();
   if (!g_read_errors.empty()) g_read_errors.pop_front();
-  if (error == 0) return ::syscall(SYS_read, fd, buffer, size);
+  if (error == 0) return ::syscall(SYS_read, fd, buffer, std::min(size, g_longest_read));
   errno = error;
   return -1;
 }
@@ -307,6 +310,14 @@ TEST(ConfigFile, APipeIsReadToItsEnd) {
   ServerSettings settings;
   read_config_file(settings, fifo);
   writer.join();
+  EXPECT_EQ(settings.port, 80);
+  EXPECT_EQ(settings.token, "x");
+}
+
+TEST(ConfigFile, ReadsOfOneByteEachAreGoneOnWith) {
+  g_longest_read = 1;
+  const ServerSettings settings = fromConfig("port=80\ntoken=x\n");
+  g_longest_read = SIZE_MAX;
   EXPECT_EQ(settings.port, 80);
   EXPECT_EQ(settings.token, "x");
 }

@@ -54,7 +54,7 @@ TEST(IntervalQueue, LetsTheOldestGoOneByOne) {
       EXPECT_EQ(queue.band(band), expected[seen++].band);
     });
     EXPECT_EQ(seen, expected.size());
-    queue.pop_front();
+    queue.pruneBefore(queue.front().start + 0.5);
     expected.erase(expected.begin());
     if (expected.size() % 10 != 5) continue;
     queue.push_back({9'000, "30m", 7});  // behind a gap that may not be closed yet

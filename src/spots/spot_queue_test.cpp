@@ -205,6 +205,17 @@ TEST(SpotQueue, MinuteOfManyOddFrequenciesInHostileOrderStaysCheap) {
   EXPECT_EQ(intervals, 500'000u);
 }
 
+TEST(SpotQueue, AnIntervalHeardAnewHoldsItsNewChannelOnly) {
+  SpotQueue queue;
+  queue.append({61, 0.0, 0, "zero", "N0CALL"});
+  queue.append({65, 14e6, 0, "20m", "N0CALL"});
+  queue.pruneBefore(62);
+  queue.append({61, -0.0, 0, "other zero", "N0CALL"});
+  EXPECT_EQ(queue.channels(), 2u);
+  queue.pruneBefore(1000);
+  EXPECT_EQ(queue.channels(), 0u);
+}
+
 TEST(SpotQueue, AgreesWithAFlatListOverRandomScripts) {
   std::mt19937 random(5);
   for (int round = 0; round < 2000; ++round) {
