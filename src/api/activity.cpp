@@ -41,46 +41,52 @@ void addBand(WindowCounts& window, const std::string& band, const Counts& counts
   window.by_band[band].add(counts);
 }
 
-// The log's decode intervals on one channel: everything decoded in one mode on one dial frequency
-// at one time is one.
+// One channel of the log: everything decoded in one mode on one dial frequency at one time is one
+// decode interval.
 struct ChannelLog {
   double frequency = 0;
   int mode = 0;
-  std::string band;  // by the band plan
-  std::string key;   // as the rates know the channel
-  std::vector<SlotCount> slots;
+  std::string band;           // by the band plan
+  std::string key;            // as the rates know the channel
+  std::size_t intervals = 0;  // in reach of the rates; 0: nothing else is filled in
+  double first = 0;           // start of the first one
+  double last = 0;
+  bool in_order = true;  // every interval starts more than two seconds behind the one before
+  Counts window;
 };
 
-std::vector<ChannelLog> channelLogs(const SpotQueue& spots, double from, double to) {
-  // Counted first: vectors that grow would be copied, and leave holes where they were.
-  std::vector<std::size_t> sizes(spots.channelIdEnd());
-  spots.forEachInterval(from, to,
-                        [&](double, std::uint32_t channel, std::uint64_t) { ++sizes[channel]; });
-  std::vector<std::vector<SlotCount>> slots(sizes.size());
-  for (std::uint32_t id = 0; id < sizes.size(); ++id) slots[id].reserve(sizes[id]);
+void addInterval(ChannelLog& log, double time, std::uint64_t count, double window_start) {
+  if (log.intervals++ == 0) {
+    log.first = time;
+  } else if (!(time - log.last > 2)) {
+    log.in_order = false;
+  }
+  log.last = time;
+  if (time >= window_start) log.window.add({count, 1});
+}
+
+// By channel id.
+std::vector<ChannelLog> channelLogs(const SpotQueue& spots, double from, double window_start,
+                                    double to) {
+  std::vector<ChannelLog> logs(spots.channelIdEnd());
   spots.forEachInterval(from, to, [&](double time, std::uint32_t channel, std::uint64_t count) {
-    slots[channel].push_back({time, count});
+    addInterval(logs[channel], time, count, window_start);
   });
-  std::vector<ChannelLog> logs;
-  for (std::uint32_t id = 0; id < slots.size(); ++id) {
-    if (slots[id].empty()) continue;
+  for (std::uint32_t id = 0; id < logs.size(); ++id) {
+    ChannelLog& log = logs[id];
+    if (log.intervals == 0) continue;
     const Channel& channel = spots.channel(id);
-    logs.push_back(
-        {channel.frequency, channel.mode, launcher::bandForFrequency(channel.frequency).id,
-         launcher::channelKey(modeName(channel.mode), channel.frequency), std::move(slots[id])});
+    log.frequency = channel.frequency;
+    log.mode = channel.mode;
+    log.band = launcher::bandForFrequency(channel.frequency).id;
+    log.key = launcher::channelKey(modeName(channel.mode), channel.frequency);
   }
   return logs;
 }
 
-WindowCounts countLog(const std::vector<ChannelLog>& logs, double window_start) {
+WindowCounts countLog(const std::vector<ChannelLog>& logs) {
   WindowCounts window;
-  for (const ChannelLog& log : logs) {
-    Counts counts;
-    for (const SlotCount& slot : log.slots) {
-      if (slot.start >= window_start) counts.add({slot.count, 1});
-    }
-    addBand(window, log.band, counts);
-  }
+  for (const ChannelLog& log : logs) addBand(window, log.band, log.window);
   return window;
 }
 
@@ -88,29 +94,50 @@ bool areOneSource(const ChannelLog& a, const ChannelLog& b) {
   return a.key == b.key && a.band == b.band;
 }
 
+// Ids of the channels heard, by key, frequency and mode.
+std::vector<std::uint32_t> heardChannels(const std::vector<ChannelLog>& logs) {
+  std::vector<std::uint32_t> ids;
+  for (std::uint32_t id = 0; id < logs.size(); ++id) {
+    if (logs[id].intervals > 0) ids.push_back(id);
+  }
+  std::stable_sort(ids.begin(), ids.end(), [&](std::uint32_t a, std::uint32_t b) {
+    return std::tie(logs[a].key, logs[a].frequency, logs[a].mode) <
+           std::tie(logs[b].key, logs[b].frequency, logs[b].mode);
+  });
+  return ids;
+}
+
+// Whether every channel is a source of its own whose intervals come in order, as they do in a log
+// that nobody has edited.
+bool areInOrder(const std::vector<ChannelLog>& logs, const std::vector<std::uint32_t>& ids) {
+  for (std::size_t i = 0; i < ids.size(); ++i) {
+    if (!logs[ids[i]].in_order) return false;
+    if (i > 0 && areOneSource(logs[ids[i - 1]], logs[ids[i]])) return false;
+  }
+  return true;
+}
+
 // Reports for the rates, in which the first of two intervals with one source, band and second
 // counts: those go in by time, frequency and mode. It matters where channels lie closer than the
 // six decimals of their key tell, or log several times within a second.
-std::vector<SourceReport> reportsOf(std::vector<ChannelLog> logs) {
-  std::sort(logs.begin(), logs.end(), [](const ChannelLog& a, const ChannelLog& b) {
-    return std::tie(a.key, a.frequency, a.mode) < std::tie(b.key, b.frequency, b.mode);
+std::vector<SourceReport> reportsOf(const SpotQueue& spots, const std::vector<ChannelLog>& logs,
+                                    const std::vector<std::uint32_t>& ids, double from, double to) {
+  std::vector<std::vector<SlotCount>> slots(logs.size());
+  spots.forEachInterval(from, to, [&](double time, std::uint32_t channel, std::uint64_t count) {
+    slots[channel].push_back({time, count});
   });
   std::vector<SourceReport> reports;
-  for (std::size_t i = 0; i < logs.size(); ++i) {
-    auto& slots = logs[i].slots;
-    if (i > 0 && areOneSource(logs[i - 1], logs[i])) {
-      auto& joined = reports.back().slots;
-      joined.insert(joined.end(), slots.begin(), slots.end());
-    } else {
-      reports.push_back(
-          {logs[i].key, logs[i].frequency, slotSeconds(logs[i].mode), std::move(slots)});
+  for (std::size_t i = 0; i < ids.size(); ++i) {
+    const ChannelLog& log = logs[ids[i]];
+    if (i == 0 || !areOneSource(logs[ids[i - 1]], log)) {
+      reports.push_back({log.key, log.frequency, slotSeconds(log.mode), {}});
     }
+    auto& joined = reports.back().slots;
+    joined.insert(joined.end(), slots[ids[i]].begin(), slots[ids[i]].end());
   }
-  const auto earlier = [](const SlotCount& a, const SlotCount& b) { return a.start < b.start; };
   for (SourceReport& report : reports) {
-    auto& slots = report.slots;
-    if (std::is_sorted(slots.begin(), slots.end(), earlier)) continue;
-    std::stable_sort(slots.begin(), slots.end(), earlier);
+    std::stable_sort(report.slots.begin(), report.slots.end(),
+                     [](const SlotCount& a, const SlotCount& b) { return a.start < b.start; });
   }
   return reports;
 }
@@ -139,24 +166,64 @@ bool displayedBefore(const BandView& a, const BandView& b) {
   return std::tie(order_a, a.id) < std::tie(order_b, b.id);
 }
 
+// Draws the curve of the band with this id; its last point is the rate now.
+using Draw = std::function<std::vector<launcher::RatePoint>(const std::string& id)>;
+
 // Fills in everything but `generated`, `mode`, `hours` and `smoothing`, which `snapshot` brings.
-void addBands(ActivitySnapshot& snapshot, const SpotData& data, const BandRateIndex& rates,
+void addBands(ActivitySnapshot& snapshot, const SpotData& data, const Draw& draw,
               const WindowCounts& window, double window_start) {
-  const double now = snapshot.generated;
   snapshot.window_spots = window.total.spots;
   snapshot.window_intervals = window.total.intervals;
   snapshot.window_unique_callsigns = heardSince(data, window_start);
   for (const auto& [id, counts] : window.by_band) {
-    snapshot.bands.push_back(
-        {.id = id,
-         .color = colorOf(id),
-         .rate_now = launcher::rateAt(rates, id, snapshot.smoothing, now),
-         .spots = counts.spots,
-         .intervals = counts.intervals,
-         .unique_callsigns = heardOnBandSince(data, id, window_start),
-         .points = launcher::bandSeries(rates, id, snapshot.smoothing, snapshot.hours, now)});
+    auto points = draw(id);
+    snapshot.bands.push_back({.id = id,
+                              .color = colorOf(id),
+                              .rate_now = points.back().rate,
+                              .spots = counts.spots,
+                              .intervals = counts.intervals,
+                              .unique_callsigns = heardOnBandSince(data, id, window_start),
+                              .points = std::move(points)});
   }
   std::sort(snapshot.bands.begin(), snapshot.bands.end(), displayedBefore);
+}
+
+Draw drawFrom(const BandRateIndex& rates, const ActivitySnapshot& view) {
+  return [&rates, hours = view.hours, smoothing = view.smoothing,
+          now = view.generated](const std::string& id) {
+    return launcher::bandSeries(rates, id, smoothing, hours, now);
+  };
+}
+
+void addBandsOfHistory(ActivitySnapshot& snapshot, const SpotData& data, double window_start) {
+  const WindowCounts window = countHistory(data.intervals, window_start, snapshot.generated);
+  addBands(snapshot, data, drawFrom(data.rates, snapshot), window, window_start);
+}
+
+void addBandsOfLog(ActivitySnapshot& snapshot, const SpotData& data, double window_start) {
+  const double now = snapshot.generated;
+  // The first points of the curves look back over a whole smoothing window and a WSPR slot.
+  const double from = window_start - (snapshot.smoothing * 60.0 + 120);
+  const std::vector<ChannelLog> logs = channelLogs(data.spots, from, window_start, now);
+  const WindowCounts window = countLog(logs);
+  const std::vector<std::uint32_t> ids = heardChannels(logs);
+  if (window.by_band.empty() || !areInOrder(logs, ids)) {
+    BandRateIndex rates;
+    launcher::addIntervals(rates, reportsOf(data.spots, logs, ids, from, now), now);
+    return addBands(snapshot, data, drawFrom(rates, snapshot), window, window_start);
+  }
+  launcher::CurveSweep sweep(snapshot.smoothing, snapshot.hours, now);
+  std::vector<std::size_t> sources(logs.size());  // by channel id
+  for (const std::uint32_t id : ids) {
+    sources[id] = sweep.addSource(logs[id].band, slotSeconds(logs[id].mode), logs[id].first);
+  }
+  data.spots.forEachInterval(from, now,
+                             [&](double time, std::uint32_t channel, std::uint64_t count) {
+                               sweep.add(sources[channel], time, count);
+                             });
+  sweep.finish();
+  addBands(
+      snapshot, data, [&](const std::string& id) { return sweep.curve(id); }, window, window_start);
 }
 
 }  // namespace
@@ -168,16 +235,9 @@ ActivitySnapshot buildActivity(const SpotData& data, int hours, int smoothing, d
                             .smoothing = smoothing};
   const double window_start = now - hours * 3600.0;
   if (data.history_in_use && !data.demo) {
-    const WindowCounts window = countHistory(data.intervals, window_start, now);
-    addBands(snapshot, data, data.rates, window, window_start);
+    addBandsOfHistory(snapshot, data, window_start);
   } else {
-    // The first points of the curves look back over a whole smoothing window and a WSPR slot.
-    const double margin = smoothing * 60.0 + 120;
-    std::vector<ChannelLog> logs = channelLogs(data.spots, window_start - margin, now);
-    const WindowCounts window = countLog(logs, window_start);
-    BandRateIndex rates;
-    launcher::addIntervals(rates, reportsOf(std::move(logs)), now);
-    addBands(snapshot, data, rates, window, window_start);
+    addBandsOfLog(snapshot, data, window_start);
   }
   return snapshot;
 }

@@ -37,20 +37,21 @@ std::int64_t saturated(double whole) {
   return static_cast<std::int64_t>(whole);
 }
 
-// The intervals of a report that are taken in at `now`. What is no finite number is within no
+// The intervals of one source that are taken in at `now`. What is no finite number is within no
 // bounds.
 class Acceptable {
  public:
-  Acceptable(const SourceReport& report, double now)
-      : any_(std::isfinite(now) && report.length_s > 0 && std::isfinite(report.length_s) &&
-             std::isfinite(report.frequency_hz)),
-        length_(report.length_s),
+  Acceptable(double frequency_hz, double length_s, double now)
+      : any_(std::isfinite(now) && length_s > 0 && std::isfinite(length_s) &&
+             std::isfinite(frequency_hz)),
+        length_(length_s),
         earliest_(now - kRetention),
         latest_end_(now + kUnfinishedTolerance) {}
 
-  bool operator()(const SlotCount& slot) const {
-    return any_ && slot.start >= earliest_ && slot.start + length_ <= latest_end_;
+  bool operator()(double start) const {
+    return any_ && start >= earliest_ && start + length_ <= latest_end_;
   }
+  bool operator()(const SlotCount& slot) const { return (*this)(slot.start); }
 
  private:
   bool any_;
@@ -90,7 +91,7 @@ std::span<const IntervalRecord> heldFrom(const SourceIntervals& source, double f
 }
 
 void addReport(BandRateIndex& index, const SourceReport& report, double now) {
-  const Acceptable acceptable(report, now);
+  const Acceptable acceptable(report.frequency_hz, report.length_s, now);
   auto slot = std::find_if(report.slots.begin(), report.slots.end(), acceptable);
   if (slot == report.slots.end()) return;
   const BandInfo band = bandForFrequency(report.frequency_hz);
@@ -193,36 +194,56 @@ class SampleCursor {
   std::size_t at_ = 0;
 };
 
-// Adds the intervals of one source to `changes`, which has one more element than `points`.
-void addChanges(std::span<const IntervalRecord> records, std::span<const RatePoint> points,
-                double window, std::vector<WindowChange>& changes) {
-  if (records.empty()) return;
-  SampleCursor gain(points, 0);
-  SampleCursor loss(points, window);
-  gain.jump(records.front().end);
-  loss.jump(records.front().end);
-  for (auto record = records.begin(); record != records.end();) {
-    WindowChange& gained = changes[gain.seek(record->end)];
-    WindowChange& lost = changes[loss.seek(record->end)];
-    const double after = std::max(gain.after(), loss.after());
-    const double until = std::min(gain.until(), loss.until());
-    WindowSum alike;  // of those behind one another that come and go at the same samples
-    for (; record != records.end() && record->end > after && record->end <= until; ++record) {
-      alike.count += record->count;
-      alike.latest_end = std::max(alike.latest_end, record->end);
-    }
-    gained.count += alike.count;
-    gained.latest_end = std::max(gained.latest_end, alike.latest_end);
-    lost.count -= alike.count;
-  }
-}
+// Adds the intervals of one source to the changes of a curve as they go by, cheapest in the order
+// of time.
+class SourceSweep {
+ public:
+  // `changes` has one more element than `points`; both outlive the sweep.
+  SourceSweep(std::span<const RatePoint> points, double window, std::vector<WindowChange>& changes)
+      : gain_(points, 0), loss_(points, window), changes_(&changes) {}
 
-void drawCurve(const BandRateEntry& band, double window, std::span<RatePoint> points) {
-  std::vector<WindowChange> changes(points.size() + 1);
-  const double from = points.front().t - window - marginOf(band);
-  for (const auto& [key, source] : band.by_source) {
-    addChanges(heldFrom(source, from), points, window, changes);
+  void add(double end, std::uint64_t count) {
+    if (!(end > after_ && end <= until_)) moveTo(end);
+    alike_.count += count;
+    alike_.latest_end = std::max(alike_.latest_end, end);
   }
+
+  // When everything was added.
+  void finish() {
+    if (after_ == until_) return;  // nothing was
+    WindowChange& gained = (*changes_)[gained_];
+    gained.count += alike_.count;
+    gained.latest_end = std::max(gained.latest_end, alike_.latest_end);
+    (*changes_)[lost_].count -= alike_.count;
+    alike_ = {};
+  }
+
+ private:
+  void moveTo(double end) {
+    if (after_ == until_) {
+      gain_.jump(end);
+      loss_.jump(end);
+    } else {
+      finish();
+    }
+    gained_ = gain_.seek(end);
+    lost_ = loss_.seek(end);
+    after_ = std::max(gain_.after(), loss_.after());
+    until_ = std::min(gain_.until(), loss_.until());
+  }
+
+  SampleCursor gain_;
+  SampleCursor loss_;
+  std::vector<WindowChange>* changes_;
+  WindowSum alike_;  // of those behind one another that come and go at the same samples
+  double after_ = 0;
+  double until_ = 0;  // as after_: no place yet
+  std::size_t gained_ = 0;
+  std::size_t lost_ = 0;
+};
+
+void drawChanges(const BandRateEntry& band, double window, const std::vector<WindowChange>& changes,
+                 std::span<RatePoint> points) {
   WindowSum sum;
   double latest_end = kNever;  // of everything up to this sample
   for (std::size_t i = 0; i < points.size(); ++i) {
@@ -231,6 +252,23 @@ void drawCurve(const BandRateEntry& band, double window, std::span<RatePoint> po
     latest_end = std::max(latest_end, changes[i].latest_end);
     sum.latest_end = latest_end > t - window ? latest_end : kNever;
     points[i].rate = rateOf(band, window, sum, t);
+  }
+}
+
+void drawCurve(const BandRateEntry& band, double window, std::span<RatePoint> points) {
+  std::vector<WindowChange> changes(points.size() + 1);
+  const double from = points.front().t - window - marginOf(band);
+  for (const auto& [key, source] : band.by_source) {
+    SourceSweep sweep(points, window, changes);
+    for (const IntervalRecord& record : heldFrom(source, from)) sweep.add(record.end, record.count);
+    sweep.finish();
+  }
+  drawChanges(band, window, changes, points);
+}
+
+void requireHours(int hours) {
+  if (hours != 1 && hours != 6 && hours != 24) {
+    throw std::invalid_argument("History view must be 1, 6 or 24 hours");
   }
 }
 
@@ -273,7 +311,8 @@ void addInterval(BandRateIndex& index, std::string_view source_key, std::uint64_
 
 void addIntervals(BandRateIndex& index, std::span<const SourceReport> reports, double now) {
   const auto counts = [now](const SourceReport& report) {
-    return std::any_of(report.slots.begin(), report.slots.end(), Acceptable(report, now));
+    return std::any_of(report.slots.begin(), report.slots.end(),
+                       Acceptable(report.frequency_hz, report.length_s, now));
   };
   // What is accepted starts after the retention's begin: pruning once is pruning before each.
   if (std::any_of(reports.begin(), reports.end(), counts)) pruneIndex(index, now);
@@ -301,15 +340,80 @@ std::optional<double> rateAt(const BandRateIndex& index, std::string_view band_i
 
 std::vector<RatePoint> bandSeries(const BandRateIndex& index, std::string_view band_id,
                                   int smoothing_minutes, int hours, double now) {
-  if (hours != 1 && hours != 6 && hours != 24) {
-    throw std::invalid_argument("History view must be 1, 6 or 24 hours");
-  }
+  requireHours(hours);
   requireSmoothing(smoothing_minutes);
   std::vector<RatePoint> points = samples(hours, now);
   const auto found = index.find(band_id);
   if (found != index.end() && std::isfinite(now)) {
     drawCurve(found->second, windowOf(found->second, smoothing_minutes), points);
   }
+  return points;
+}
+
+// One band of a sweep. The changes are made when the first interval comes: by then the band's
+// longest length is known.
+struct CurveSweep::Band {
+  BandRateEntry facts;  // without intervals
+  double window = 0;
+  std::vector<WindowChange> changes;
+};
+
+struct CurveSweep::Source {
+  Band* band = nullptr;
+  Acceptable accepts;
+  double length = 0;
+  std::optional<SourceSweep> sweep = {};
+};
+
+CurveSweep::CurveSweep(int smoothing_minutes, int hours, double now)
+    : smoothing_(smoothing_minutes), now_(now) {
+  requireHours(hours);
+  requireSmoothing(smoothing_minutes);
+  points_ = samples(hours, now);
+}
+
+CurveSweep::~CurveSweep() = default;
+
+std::size_t CurveSweep::addSource(std::string_view band_id, double length_s, double first_start) {
+  const Acceptable accepts(0, length_s, now_);
+  sources_.push_back({nullptr, accepts, length_s});
+  if (!accepts(first_start)) return sources_.size() - 1;
+  auto& band = bands_[std::string(band_id)];
+  if (band == nullptr) band.reset(new Band{.facts = {first_start, length_s, {}}, .changes = {}});
+  band->facts.first_start = std::min(band->facts.first_start, first_start);
+  band->facts.max_length = std::max(band->facts.max_length, length_s);
+  sources_.back().band = band.get();
+  return sources_.size() - 1;
+}
+
+void CurveSweep::add(std::size_t number, double start, std::uint64_t count) {
+  Source& source = sources_[number];
+  if (source.band == nullptr || !source.accepts(start)) return;
+  if (!source.sweep) open(source);
+  source.sweep->add(start + source.length, count);
+}
+
+void CurveSweep::open(Source& source) {
+  Band& band = *source.band;
+  if (band.changes.empty()) {
+    band.window = windowOf(band.facts, smoothing_);
+    band.changes.resize(points_.size() + 1);
+  }
+  source.sweep.emplace(points_, band.window, band.changes);
+}
+
+void CurveSweep::finish() {
+  for (Source& source : sources_) {
+    if (source.sweep) source.sweep->finish();
+  }
+}
+
+std::vector<RatePoint> CurveSweep::curve(std::string_view band_id) const {
+  std::vector<RatePoint> points = points_;
+  const auto found = bands_.find(band_id);
+  if (found == bands_.end()) return points;
+  const Band& band = *found->second;
+  drawChanges(band.facts, band.window, band.changes, points);
   return points;
 }
 

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -121,6 +122,46 @@ std::optional<double> rateAt(const BandRateIndex& index, std::string_view band_i
 // Cost: one walk over the band's intervals in reach and one over the points.
 std::vector<RatePoint> bandSeries(const BandRateIndex& index, std::string_view band_id,
                                   int smoothing_minutes, int hours, double now);
+
+// The curves of intervals that are held elsewhere, drawn while they go by: the points that
+// bandSeries draws from an index that took them in at `now`. First all sources, then all intervals,
+// then the curves. The intervals of a source ascend, more than two seconds apart, so that none is a
+// second report of another; no two sources are one.
+//   CurveSweep sweep(3, 24, now);
+//   const auto source = sweep.addSource("20m", 15, now - 30);
+//   sweep.add(source, now - 30, 7);
+//   sweep.add(source, now - 15, 12);
+//   sweep.finish();
+//   sweep.curve("20m").back().rate
+class CurveSweep {
+ public:
+  // Throws like bandSeries.
+  CurveSweep(int smoothing_minutes, int hours, double now);
+  CurveSweep(const CurveSweep&) = delete;
+  CurveSweep& operator=(const CurveSweep&) = delete;
+  ~CurveSweep();
+
+  // The number of a source whose first interval starts at `first_start`. If that one is not taken
+  // in (see addInterval), none of them is.
+  std::size_t addSource(std::string_view band_id, double length_s, double first_start);
+  // Cost: constant, and one walk over the points for each source in all.
+  void add(std::size_t source, double start, std::uint64_t count);
+  void finish();
+  // Without rates for a band of which no interval was taken in.
+  std::vector<RatePoint> curve(std::string_view band_id) const;
+
+ private:
+  struct Band;
+  struct Source;
+
+  void open(Source& source);
+
+  int smoothing_;
+  double now_;
+  std::vector<RatePoint> points_;
+  std::map<std::string, std::unique_ptr<Band>, std::less<>> bands_;
+  std::vector<Source> sources_;
+};
 
 // Source key of a channel: mode name, "/", dial frequency in MHz with exactly six decimals.
 //   channelKey("FT8", 14'074'000) == "FT8/14.074000"

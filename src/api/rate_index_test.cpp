@@ -511,6 +511,51 @@ TEST(BandSeries, EveryPointIsTheRateThen) {
   EXPECT_EQ(points[60].rate, 12.0 * 3600 / 300);
 }
 
+// Sources of several lengths on two bands, each in order, some with an unfinished end; interval by
+// interval into the sweep and as reports into the index.
+TEST(CurveSweep, DrawsWhatAnIndexOfTheSameIntervalsDraws) {
+  std::mt19937 random(7);
+  for (int day = 0; day < 60; ++day) {
+    const int hours = std::vector{1, 6, 24}[random() % 3];
+    const int smoothing = std::vector{1, 3, 5, 40}[random() % 4];
+    CurveSweep sweep(smoothing, hours, kNow);
+    std::vector<SourceReport> reports;
+    for (unsigned source = 0; source < 1 + random() % 4; ++source) {
+      const double length = std::vector{7.5, 15.0, 120.0}[random() % 3];
+      reports.push_back({std::to_string(source), random() % 2 == 0 ? k20m : k40m, length, {}});
+      double time = kNow - static_cast<double>(random() % 88'000);
+      for (; time < kNow; time += length * static_cast<double>(1 + random() % 50)) {
+        reports.back().slots.push_back({time, random() % 30});
+      }
+    }
+    for (const SourceReport& report : reports) {
+      const auto band = bandForFrequency(report.frequency_hz).id;
+      sweep.addSource(band, report.length_s, report.slots.front().start);
+    }
+    for (std::size_t source = 0; source < reports.size(); ++source) {
+      for (const SlotCount& slot : reports[source].slots) sweep.add(source, slot.start, slot.count);
+    }
+    sweep.finish();
+    BandRateIndex index;
+    addIntervals(index, reports, kNow);
+    for (const char* band : {"20m", "40m", "10m"}) {
+      const auto expected = bandSeries(index, band, smoothing, hours, kNow);
+      const auto drawn = sweep.curve(band);
+      ASSERT_EQ(drawn.size(), expected.size());
+      for (std::size_t i = 0; i < drawn.size(); ++i) {
+        ASSERT_EQ(drawn[i].t, expected[i].t) << day << band << i;
+        ASSERT_EQ(drawn[i].rate, expected[i].rate) << day << band << i;
+      }
+    }
+  }
+}
+
+TEST(CurveSweep, RefusesTheViewsThatASeriesRefuses) {
+  EXPECT_THROW(CurveSweep(3, 2, kNow), std::invalid_argument);
+  EXPECT_THROW(CurveSweep(0, 24, kNow), std::invalid_argument);
+  EXPECT_THROW(CurveSweep(41, 24, kNow), std::invalid_argument);
+}
+
 TEST(BandSeries, HoursAreOneSixOrTwentyFour) {
   const BandRateIndex index;
   for (const int hours : {0, 2, 12, 23, 25, -1, -24, std::numeric_limits<int>::max()}) {
