@@ -1,6 +1,7 @@
 #include "api/activity.hpp"
 
 #include <algorithm>
+#include <cmath>
 #include <functional>
 #include <map>
 #include <string>
@@ -51,14 +52,21 @@ struct ChannelLog {
   std::size_t intervals = 0;  // in reach of the rates; 0: nothing else is filled in
   double first = 0;           // start of the first one
   double last = 0;
-  bool in_order = true;  // every interval starts more than two seconds behind the one before
+  bool in_order = true;  // every interval starts in a later second than the one before
   Counts window;
 };
+
+bool isWhole(double time) { return std::trunc(time) == time; }
+
+// Whether `time` certainly lies in a later second. Those of a log are whole.
+bool isInLaterSecond(double time, double last) {
+  return time - last > 2 || (time > last && isWhole(time) && isWhole(last));
+}
 
 void addInterval(ChannelLog& log, double time, std::uint64_t count, double window_start) {
   if (log.intervals++ == 0) {
     log.first = time;
-  } else if (!(time - log.last > 2)) {
+  } else if (!isInLaterSecond(time, log.last)) {
     log.in_order = false;
   }
   log.last = time;
@@ -123,21 +131,26 @@ bool areInOrder(const std::vector<ChannelLog>& logs, const std::vector<std::uint
 std::vector<SourceReport> reportsOf(const SpotQueue& spots, const std::vector<ChannelLog>& logs,
                                     const std::vector<std::uint32_t>& ids, double from, double to) {
   std::vector<std::vector<SlotCount>> slots(logs.size());
+  for (const std::uint32_t id : ids) slots[id].reserve(logs[id].intervals);
   spots.forEachInterval(from, to, [&](double time, std::uint32_t channel, std::uint64_t count) {
     slots[channel].push_back({time, count});
   });
   std::vector<SourceReport> reports;
   for (std::size_t i = 0; i < ids.size(); ++i) {
     const ChannelLog& log = logs[ids[i]];
-    if (i == 0 || !areOneSource(logs[ids[i - 1]], log)) {
-      reports.push_back({log.key, log.frequency, slotSeconds(log.mode), {}});
+    auto& own = slots[ids[i]];
+    if (i > 0 && areOneSource(logs[ids[i - 1]], log)) {
+      auto& joined = reports.back().slots;
+      joined.insert(joined.end(), own.begin(), own.end());
+    } else {
+      reports.push_back({log.key, log.frequency, slotSeconds(log.mode), std::move(own)});
     }
-    auto& joined = reports.back().slots;
-    joined.insert(joined.end(), slots[ids[i]].begin(), slots[ids[i]].end());
   }
+  const auto earlier = [](const SlotCount& a, const SlotCount& b) { return a.start < b.start; };
   for (SourceReport& report : reports) {
-    std::stable_sort(report.slots.begin(), report.slots.end(),
-                     [](const SlotCount& a, const SlotCount& b) { return a.start < b.start; });
+    auto& sorted = report.slots;
+    if (std::is_sorted(sorted.begin(), sorted.end(), earlier)) continue;
+    std::stable_sort(sorted.begin(), sorted.end(), earlier);
   }
   return reports;
 }

@@ -125,8 +125,8 @@ std::vector<RatePoint> bandSeries(const BandRateIndex& index, std::string_view b
 
 // The curves of intervals that are held elsewhere, drawn while they go by: the points that
 // bandSeries draws from an index that took them in at `now`. First all sources, then all intervals,
-// then the curves. The intervals of a source ascend, more than two seconds apart, so that none is a
-// second report of another; no two sources are one.
+// then the curves. The intervals of a source ascend, no two of them within one second, so that none
+// is a second report of another; no two sources are one.
 //   CurveSweep sweep(3, 24, now);
 //   const auto source = sweep.addSource("20m", 15, now - 30);
 //   sweep.add(source, now - 30, 7);
