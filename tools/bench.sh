@@ -3,7 +3,7 @@
 # what the server takes and what the least that can be done takes, in turn: medians, and median and
 # quartiles of the ratios of the pairs. docs/performance.md tells what the rows mean.
 #
-#   tools/bench.sh         against the limit programs in bench/; takes two minutes
+#   tools/bench.sh         against the limit programs in bench/; takes four minutes
 #   tools/bench.sh BASE    against the server of another commit, the same rows
 #
 # ROUNDS in the environment: pairs of starts, 11 when unset. Everything lies in build-bench, and may
@@ -138,7 +138,7 @@ cached_rows() {
   stop_all
   rest=("$build/health.json" "$build/activity.json")
   start_pair off 15 "$build/constant_body"
-  poll 300 "$1" "${@:3}"
+  poll 1000 "$1" "${@:3}"
   stop_all
 }
 
