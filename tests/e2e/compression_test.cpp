@@ -16,7 +16,8 @@ class Phone {
  public:
   explicit Phone(const Station& station) : station_(station) {}
 
-  Response ask(Headers headers = {}) const {
+  // Inlined, GCC 12 takes the added header for an overrun when the thread sanitizer is on.
+  [[gnu::noinline]] Response ask(Headers headers = {}) const {
     headers.emplace_back("X-Spot-Token", kToken);
     return station_.get(kDayPath, headers);
   }
