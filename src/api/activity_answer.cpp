@@ -23,12 +23,12 @@ std::string ActivityAnswer::document(double generated) const {
 
 std::optional<std::string> ActivityAnswer::gzippedDocument(double generated) const {
   if (tail().size() < kShort) return std::nullopt;
-  std::call_once(deflated_, [this] { deflated_tail_ = deflateTail(tail_); });
+  deflated_.call([this] { deflated_tail_ = deflateTail(tail_); });
   return gzipFile(documentHead(generated), deflated_tail_);
 }
 
 const std::string& ActivityAnswer::tail() const {
-  std::call_once(written_, [this] {
+  written_.call([this] {
     tail_ = documentTail(snapshot_);
     snapshot_ = {};
   });

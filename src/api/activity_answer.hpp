@@ -1,12 +1,12 @@
 // One computed answer of the activity endpoint, shared by all requests that are given it.
 #pragma once
 
-#include <mutex>
 #include <optional>
 #include <string>
 
 #include "api/activity_snapshot.hpp"
 #include "server/gzip.hpp"
+#include "server/once.hpp"
 
 namespace spotserver {
 
@@ -31,11 +31,11 @@ class ActivityAnswer {
  private:
   const std::string& tail() const;
 
-  // Each is made inside its call_once, and constant afterwards.
-  mutable std::once_flag written_;
+  // Each is made once, and constant afterwards.
+  mutable Once written_;
   mutable ActivitySnapshot snapshot_;  // until the tail is written
   mutable std::string tail_;
-  mutable std::once_flag deflated_;
+  mutable Once deflated_;
   mutable DeflatedTail deflated_tail_;
 };
 

@@ -52,9 +52,6 @@ TEST(ActivityAnswer, TheGzippedDocumentUnpacksToThePlainOne) {
 }
 
 TEST(ActivityAnswer, WithoutMemoryALaterCallTriesAgain) {
-#ifdef __SANITIZE_THREAD__
-  GTEST_SKIP() << "The sanitizer's pthread_once does not come back from an exception";
-#endif
   for (bool failed = true, gzip = false;; gzip = !gzip) {
     for (long good = 0; failed || good == 0; ++good) {
       const ActivityAnswer answer(hourOf(3));
