@@ -19,8 +19,10 @@ void setJson(const httplib::Request& request, httplib::Response& response, std::
 }
 
 void finishJson(httplib::Response& response) {
-  const auto type = response.headers.find(kType);
-  if (type != response.headers.end() && type->second == kFinishedJson) type->second = kJson;
+  // A look at the few values is cheaper than a search for the name in any case of letters.
+  for (auto& [name, value] : response.headers) {
+    if (value == kFinishedJson) value = kJson;
+  }
 }
 
 }  // namespace spotserver
