@@ -4,6 +4,7 @@
 #include <cmath>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -47,12 +48,12 @@ void addBand(WindowCounts& window, const std::string& band, const Counts& counts
 struct ChannelLog {
   double frequency = 0;
   int mode = 0;
-  std::string band;           // by the band plan
-  std::string key;            // as the rates know the channel
-  std::size_t intervals = 0;  // in reach of the rates; 0: nothing else is filled in
-  double first = 0;           // start of the first one
-  double last = 0;
-  bool in_order = true;  // every interval starts in a later second than the one before
+  std::string band;                   // by the band plan
+  std::string key;                    // as the rates know the channel
+  std::optional<std::size_t> source;  // of the sweep; empty: not heard, nothing else is filled in
+  std::size_t intervals = 0;          // in reach of the rates
+  double last = 0;                    // start of the last one
+  bool in_order = true;               // every interval starts in a later second than the one before
   Counts window;
 };
 
@@ -64,30 +65,55 @@ bool isInLaterSecond(double time, double last) {
 }
 
 void addInterval(ChannelLog& log, double time, std::uint64_t count, double window_start) {
-  if (log.intervals++ == 0) {
-    log.first = time;
-  } else if (!isInLaterSecond(time, log.last)) {
-    log.in_order = false;
-  }
+  if (log.intervals++ > 0 && !isInLaterSecond(time, log.last)) log.in_order = false;
   log.last = time;
   if (time >= window_start) log.window.add({count, 1});
 }
 
-// By channel id.
-std::vector<ChannelLog> channelLogs(const SpotQueue& spots, double from, double window_start,
-                                    double to) {
-  std::vector<ChannelLog> logs(spots.channelIdEnd());
-  spots.forEachInterval(from, to, [&](double time, std::uint32_t channel, std::uint64_t count) {
-    addInterval(logs[channel], time, count, window_start);
-  });
+// The channel is heard, for the first time at `time`.
+void open(ChannelLog& log, const Channel& channel, double time, launcher::CurveSweep& sweep) {
+  log.frequency = channel.frequency;
+  log.mode = channel.mode;
+  log.band = launcher::bandForFrequency(channel.frequency).id;
+  log.source = sweep.addSource(log.band, slotSeconds(channel.mode), time);
+}
+
+// What the rates look back on, and the window within it. UTC epoch seconds.
+struct Reach {
+  double from;
+  double window_start;
+  double to;
+};
+
+// Opens the channels whose slots are longer than the smoothing, which the sweep must know first.
+// Few stations listen to any: without one no interval is looked at.
+void openLongSlots(std::vector<ChannelLog>& logs, const SpotQueue& spots, const Reach& reach,
+                   double smoothing_s, launcher::CurveSweep& sweep) {
+  std::vector<bool> is_long(logs.size());
   for (std::uint32_t id = 0; id < logs.size(); ++id) {
-    ChannelLog& log = logs[id];
-    if (log.intervals == 0) continue;
-    const Channel& channel = spots.channel(id);
-    log.frequency = channel.frequency;
-    log.mode = channel.mode;
-    log.band = launcher::bandForFrequency(channel.frequency).id;
-    log.key = launcher::channelKey(modeName(channel.mode), channel.frequency);
+    is_long[id] = slotSeconds(spots.channel(id).mode) > smoothing_s;
+  }
+  if (std::find(is_long.begin(), is_long.end(), true) == is_long.end()) return;
+  spots.forEachInterval(reach.from, reach.to, [&](double time, std::uint32_t id, std::uint64_t) {
+    if (is_long[id] && !logs[id].source) open(logs[id], spots.channel(id), time, sweep);
+  });
+}
+
+// By channel id. The curves in `sweep` hold only if the logs are in order.
+std::vector<ChannelLog> sweepLogs(const SpotQueue& spots, const Reach& reach, double smoothing_s,
+                                  launcher::CurveSweep& sweep) {
+  std::vector<ChannelLog> logs(spots.channelIdEnd());
+  openLongSlots(logs, spots, reach, smoothing_s, sweep);
+  spots.forEachInterval(reach.from, reach.to,
+                        [&](double time, std::uint32_t id, std::uint64_t count) {
+                          ChannelLog& log = logs[id];
+                          if (!log.source) open(log, spots.channel(id), time, sweep);
+                          addInterval(log, time, count, reach.window_start);
+                          sweep.add(*log.source, time, count);
+                        });
+  sweep.finish();
+  for (ChannelLog& log : logs) {
+    if (log.source) log.key = launcher::channelKey(modeName(log.mode), log.frequency);
   }
   return logs;
 }
@@ -106,7 +132,7 @@ bool areOneSource(const ChannelLog& a, const ChannelLog& b) {
 std::vector<std::uint32_t> heardChannels(const std::vector<ChannelLog>& logs) {
   std::vector<std::uint32_t> ids;
   for (std::uint32_t id = 0; id < logs.size(); ++id) {
-    if (logs[id].intervals > 0) ids.push_back(id);
+    if (logs[id].source) ids.push_back(id);
   }
   std::stable_sort(ids.begin(), ids.end(), [&](std::uint32_t a, std::uint32_t b) {
     return std::tie(logs[a].key, logs[a].frequency, logs[a].mode) <
@@ -129,12 +155,13 @@ bool areInOrder(const std::vector<ChannelLog>& logs, const std::vector<std::uint
 // counts: those go in by time, frequency and mode. It matters where channels lie closer than the
 // six decimals of their key tell, or log several times within a second.
 std::vector<SourceReport> reportsOf(const SpotQueue& spots, const std::vector<ChannelLog>& logs,
-                                    const std::vector<std::uint32_t>& ids, double from, double to) {
+                                    const std::vector<std::uint32_t>& ids, const Reach& reach) {
   std::vector<std::vector<SlotCount>> slots(logs.size());
   for (const std::uint32_t id : ids) slots[id].reserve(logs[id].intervals);
-  spots.forEachInterval(from, to, [&](double time, std::uint32_t channel, std::uint64_t count) {
-    slots[channel].push_back({time, count});
-  });
+  spots.forEachInterval(reach.from, reach.to,
+                        [&](double time, std::uint32_t channel, std::uint64_t count) {
+                          slots[channel].push_back({time, count});
+                        });
   std::vector<SourceReport> reports;
   for (std::size_t i = 0; i < ids.size(); ++i) {
     const ChannelLog& log = logs[ids[i]];
@@ -215,28 +242,20 @@ void addBandsOfHistory(ActivitySnapshot& snapshot, const SpotData& data, double 
 
 void addBandsOfLog(ActivitySnapshot& snapshot, const SpotData& data, double window_start) {
   const double now = snapshot.generated;
+  const double smoothing_s = snapshot.smoothing * 60.0;
   // The first points of the curves look back over a whole smoothing window and a WSPR slot.
-  const double from = window_start - (snapshot.smoothing * 60.0 + 120);
-  const std::vector<ChannelLog> logs = channelLogs(data.spots, from, window_start, now);
+  const Reach reach{window_start - (smoothing_s + 120), window_start, now};
+  launcher::CurveSweep sweep(snapshot.smoothing, snapshot.hours, now);
+  const std::vector<ChannelLog> logs = sweepLogs(data.spots, reach, smoothing_s, sweep);
   const WindowCounts window = countLog(logs);
   const std::vector<std::uint32_t> ids = heardChannels(logs);
-  if (window.by_band.empty() || !areInOrder(logs, ids)) {
-    BandRateIndex rates;
-    launcher::addIntervals(rates, reportsOf(data.spots, logs, ids, from, now), now);
-    return addBands(snapshot, data, drawFrom(rates, snapshot), window, window_start);
+  if (areInOrder(logs, ids)) {
+    const auto draw = [&sweep](const std::string& id) { return sweep.curve(id); };
+    return addBands(snapshot, data, draw, window, window_start);
   }
-  launcher::CurveSweep sweep(snapshot.smoothing, snapshot.hours, now);
-  std::vector<std::size_t> sources(logs.size());  // by channel id
-  for (const std::uint32_t id : ids) {
-    sources[id] = sweep.addSource(logs[id].band, slotSeconds(logs[id].mode), logs[id].first);
-  }
-  data.spots.forEachInterval(from, now,
-                             [&](double time, std::uint32_t channel, std::uint64_t count) {
-                               sweep.add(sources[channel], time, count);
-                             });
-  sweep.finish();
-  addBands(
-      snapshot, data, [&](const std::string& id) { return sweep.curve(id); }, window, window_start);
+  BandRateIndex rates;
+  launcher::addIntervals(rates, reportsOf(data.spots, logs, ids, reach), now);
+  addBands(snapshot, data, drawFrom(rates, snapshot), window, window_start);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <random>
 #include <set>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -486,39 +487,60 @@ class PlainActivity {
   launcher::ReferenceRates rates_;
 };
 
+// A random day, and its counts and curves by both ways. A tidy one is as decoders write it: in
+// order, every slot where its mode has one, channels well apart.
+void expectPlainCounts(unsigned seed, bool tidy, std::span<const double> frequencies) {
+  std::mt19937_64 random(seed);
+  const auto draw = [&](int below) { return static_cast<int>(random() % unsigned(below)); };
+  SpotData data;
+  std::vector<ParsedSpot> spots;
+  const int hours = seed % 3 == 0 ? 1 : seed % 3 == 1 ? 6 : 24;
+  const int smoothing = 1 + 2 * draw(3);
+  const double now = kNow + draw(60);
+  const double reach = hours * 3600.0 + 600;
+  const int slots = draw(150);
+  for (int slot = 0; slot < slots; ++slot) {
+    const double ago = draw(2) == 0 ? draw(40) * 7.5 : std::floor(reach * draw(1000) / 1000);
+    const int mode = draw(9);
+    double time = kNow + 30 - ago + draw(3) * 0.25;
+    if (tidy) time = std::floor(time / slotSeconds(mode)) * slotSeconds(mode);
+    const double frequency = frequencies[static_cast<std::size_t>(draw(int(frequencies.size())))];
+    for (int i = draw(6); i >= 0; --i) {
+      const std::string band = launcher::bandForFrequency(frequency).id;
+      const std::string callsign = "N" + std::to_string(draw(30));
+      spots.push_back({time, frequency, mode, band, callsign});
+      recordCallsign(data, callsign, band, time);
+    }
+  }
+  const auto earlier = [](const ParsedSpot& a, const ParsedSpot& b) { return a.time < b.time; };
+  if (tidy) std::stable_sort(spots.begin(), spots.end(), earlier);
+  if (!tidy) std::shuffle(spots.begin(), spots.end(), random);
+  for (const ParsedSpot& spot : spots) data.spots.append(spot);
+  ASSERT_EQ(text(buildActivity(data, hours, smoothing, now)),
+            PlainActivity(spots, data, hours, smoothing, now).text())
+      << "seed " << seed;
+}
+
 TEST(BuildActivity, AgreesWithPlainCountingOverRandomDays) {
   // Some lie closer than a name tells, on both sides of a band's end, too; and the two zeros.
   constexpr double kFrequencies[] = {
       k20m,       k20m + 6000,   k40m,        13'500'000,  2'200'000,    50'313'000, 14'349'999.8,
       14'350'000, 14'350'000.25, k40m + 0.25, k40m - 0.25, 13'500'000.3, 0.0,        -0.0};
-  for (unsigned seed = 0; seed < 150; ++seed) {
-    std::mt19937_64 random(seed);
-    const auto draw = [&](int below) { return static_cast<int>(random() % unsigned(below)); };
-    SpotData data;
-    std::vector<ParsedSpot> spots;
-    const int hours = seed % 3 == 0 ? 1 : seed % 3 == 1 ? 6 : 24;
-    const int smoothing = 1 + 2 * draw(3);
-    const double now = kNow + draw(60);
-    const double reach = hours * 3600.0 + 600;
-    const int slots = draw(150);
-    for (int slot = 0; slot < slots; ++slot) {
-      const double ago = draw(2) == 0 ? draw(40) * 7.5 : std::floor(reach * draw(1000) / 1000);
-      const double time = kNow + 30 - ago + draw(3) * 0.25;
-      const double frequency = kFrequencies[draw(std::size(kFrequencies))];
-      const int mode = draw(9);
-      for (int i = draw(6); i >= 0; --i) {
-        const std::string band = launcher::bandForFrequency(frequency).id;
-        const std::string callsign = "N" + std::to_string(draw(30));
-        spots.push_back({time, frequency, mode, band, callsign});
-        recordCallsign(data, callsign, band, time);
-      }
-    }
-    std::shuffle(spots.begin(), spots.end(), random);
-    for (const ParsedSpot& spot : spots) data.spots.append(spot);
-    ASSERT_EQ(text(buildActivity(data, hours, smoothing, now)),
-              PlainActivity(spots, data, hours, smoothing, now).text())
-        << "seed " << seed;
-  }
+  for (unsigned seed = 0; seed < 150; ++seed) expectPlainCounts(seed, false, kFrequencies);
+}
+
+TEST(BuildActivity, AgreesWithPlainCountingOverRandomDaysOfADecoder) {
+  constexpr double kFrequencies[] = {k20m, k20m + 6000, k40m, 13'500'000, 50'313'000};
+  for (unsigned seed = 0; seed < 300; ++seed) expectPlainCounts(seed, true, kFrequencies);
+}
+
+TEST(BuildActivity, ASlotLongerThanTheSmoothingWidensTheWindowOfItsBand) {
+  // Heard first is a short slot; the WSPR slot ends 100 s ago, beyond the smoothing of a minute.
+  SpotData data;
+  addSpots(data, kNow - 900, k20m, kFt8, 1);
+  addSpots(data, kNow - 220, k20m, kWspr, 3);
+  const ActivitySnapshot snapshot = buildActivity(data, 1, 1, kNow);
+  EXPECT_EQ(snapshot.bands.at(0).rate_now, 3 * 3600 / 120.0);
 }
 
 }  // namespace

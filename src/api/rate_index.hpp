@@ -124,9 +124,10 @@ std::vector<RatePoint> bandSeries(const BandRateIndex& index, std::string_view b
                                   int smoothing_minutes, int hours, double now);
 
 // The curves of intervals that are held elsewhere, drawn while they go by: the points that
-// bandSeries draws from an index that took them in at `now`. First all sources, then all intervals,
-// then the curves. The intervals of a source ascend, no two of them within one second, so that none
-// is a second report of another; no two sources are one.
+// bandSeries draws from an index that took them in at `now`. First the sources whose intervals are
+// longer than the smoothing, then all intervals, each behind its source, then the curves. The
+// intervals of a source ascend, no two of them within one second, so that none is a second report
+// of another; no two sources are one.
 //   CurveSweep sweep(3, 24, now);
 //   const auto source = sweep.addSource("20m", 15, now - 30);
 //   sweep.add(source, now - 30, 7);
