@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds everything and runs the tests.
+# Installs what is missing, builds everything and runs the tests, then the fuzz corpora once more with
+# the other compiler.
 #
 #   ./test.sh              all of them
-#   ./test.sh -R Layers    arguments go to ctest as they are
+#   ./test.sh -R Layers    arguments go to ctest as they are, and the other compiler rests
 #
 # With CI=true in the environment compiler warnings are errors.
 set -euo pipefail
@@ -17,4 +18,5 @@ warnings_are_errors=OFF
 need_packages "${build_packages[@]}" "${test_packages[@]}" clang-format faketime
 configure -D BUILD_TESTING=ON -D SPOT_WERROR=$warnings_are_errors
 build
-exec ctest --test-dir "$build" --output-on-failure --no-tests=error --parallel "$(nproc)" "$@"
+ctest --test-dir "$build" --output-on-failure --no-tests=error --parallel "$(nproc)" "$@"
+(($# > 0)) || exec "$checkout/tools/corpora.sh"

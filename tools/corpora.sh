@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Replays the corpora of the fuzz targets in a build by Clang; test.sh does so in GCC's.
+# Replays the corpora of the fuzz targets in a build by Clang. test.sh ends with it.
 #
 #   tools/corpora.sh
 set -euo pipefail
