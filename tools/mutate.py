@@ -87,10 +87,10 @@ class Workshop:
         self.links, self.seconds, self.objects = {}, {}, {}
 
     def programs(self, stem):
-        """The test of a stem and the replay of its corpus."""
+        """The replay of the corpus of a stem, which ends sooner, and its test."""
         name = stem.split("/")[1]
         source = self.checkout / "src" / stem
-        return [name + kind for kind in ("_test", "_fuzz")
+        return [name + kind for kind in ("_fuzz", "_test")
                 if Path(f"{source}{kind}.cpp").exists()]
 
     def build_programs(self):
