@@ -5,7 +5,6 @@
 namespace spotserver {
 namespace {
 
-constexpr std::size_t kShortestCallsign = 3;
 constexpr std::size_t kLongestCallsign = 32;
 constexpr unsigned kLongestPrefix = 6;
 constexpr unsigned kLongestSuffix = 6;
@@ -36,7 +35,7 @@ struct Part {
 
 template <char fold(char)>
 bool isCallsign(std::string_view text) {
-  if (text.size() < kShortestCallsign || text.size() > kLongestCallsign) return false;
+  if (text.size() > kLongestCallsign) return false;
   Part part;
   bool any_part_valid = false;
   for (const char raw : text) {

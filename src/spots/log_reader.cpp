@@ -56,10 +56,11 @@ std::optional<double> dateBehind(const RegularFile& file, std::uint64_t probe,
                                  ChunkBuffer& buffer) {
   const auto limit = std::min<std::uint64_t>(file.size, probe + kMaxLogLine);
   const auto newline = findNewline(file, probe, limit, buffer);
-  if (!newline || file.size - (*newline + 1) < kTimestampSize) return std::nullopt;
+  if (!newline) return std::nullopt;
   const auto begin = *newline + 1;
-  // A shorter line shows its newline among these bytes, which makes them no timestamp.
-  return parseAllTxtTime(buffer.read(file, begin, begin + kTimestampSize).text);
+  // A shorter line shows its newline among these bytes, or the file ends: they are no timestamp.
+  const auto end = std::min<std::uint64_t>(file.size, begin + kTimestampSize);
+  return parseAllTxtTime(buffer.read(file, begin, end).text);
 }
 
 // Lets the tail end with `chunk`.

@@ -97,7 +97,7 @@ std::optional<std::string_view> partThatCounts(std::string_view message) {
   return message.substr(cut + 2);
 }
 
-constexpr std::size_t kMostWords = 5;
+constexpr std::size_t kMostWords = 4;
 
 struct Words {
   std::array<std::string_view, kMostWords> at;  // without angle brackets; empty beyond `count`
@@ -116,11 +116,11 @@ Words splitWords(std::string_view text) {
 // calling  = calling-word [modifier] sender [tail]
 // directed = (callsign | "...") sender ["R"] tail
 // tail     = locator | report
+// A word beyond the last is empty and nobody's callsign.
 std::optional<Station> ftStation(std::string_view message) {
   const auto part = partThatCounts(message);
   if (!part) return std::nullopt;
   const auto [word, count] = splitWords(*part);
-  if (count < 2 || count > kMostWords) return std::nullopt;
 
   const bool calling = isCallingWord(word[0]);
   if (!calling && word[0] != "..." && !isCallsignInAnyCase(word[0])) return std::nullopt;
@@ -129,7 +129,7 @@ std::optional<Station> ftStation(std::string_view message) {
 
   std::size_t tail = sender + 1;
   if (calling && tail == count) return Station{word[sender], ""};
-  if (!calling && tail + 1 < count && isIgnoringCase(word[tail], "R")) ++tail;
+  if (!calling && isIgnoringCase(word[tail], "R")) ++tail;
   if (tail + 1 != count) return std::nullopt;
 
   // "RR73" has the shape of a locator but closes a contact.
