@@ -57,10 +57,8 @@ class Patience {
   static int whileWorking(void* self) {
     const auto& patience = *static_cast<const Patience*>(self);
     return patience.stop_.stop_requested() ||
-                   std::chrono::steady_clock::now() >= patience.deadline_ ||
-                   static_cast<std::size_t>(sqlite3_memory_used()) > patience.memory_
-               ? 1
-               : 0;
+           std::chrono::steady_clock::now() >= patience.deadline_ ||
+           static_cast<std::size_t>(sqlite3_memory_used()) > patience.memory_;
   }
 
  private:

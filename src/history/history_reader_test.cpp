@@ -606,8 +606,10 @@ TEST_F(HistoryReading, WindowBeyondTheMemoryIsRefused) {
 
 TEST_F(HistoryReading, HugeFieldFailsTheReadAndIsNotLoaded) {
   HistoryFile file(path_);
-  file.add({.receiver = std::string(60'000, 'x'), .minute = kMinute, .mask = 1});
+  file.add({.receiver = std::string(65'000, 'x'), .minute = kMinute, .mask = 1});
   EXPECT_THAT(readHistory(path_, kBase, kBase + 60), SizeIs(1));
+  file.add({.receiver = std::string(66'000, 'x'), .minute = kMinute, .mask = 1});
+  EXPECT_EQ(failureOf(path_, kBase, kBase + 60), "string or blob too big");
   for (const char* column : {"receiver", "frequency", "mode", "mask", "counts"}) {
     file.exec("DELETE FROM minutes");
     file.add({.minute = kMinute, .mask = 1});
@@ -727,13 +729,20 @@ class ForeignHistory : public HistoryReading {
     std::filesystem::permissions(dir_.path(), mode);
   }
 
-  // Reads as an ordinary user; root would not notice the folder's mode.
+  // Reads as an ordinary user; root would not notice the modes.
   void expectOutcome(const std::string& expected) const {
     OtherProcess reader([&](const Peer&) {
       if (::geteuid() == 0 && (::setgid(65534) != 0 || ::setuid(65534) != 0)) {
         throw std::runtime_error("Cannot become an ordinary user");
       }
-      const std::string outcome = failureOf(path_, kBase, kBase + 60);
+      std::string outcome = "read";
+      try {
+        readHistory(path_, kBase, kBase + 60);
+      } catch (const OutOfDescriptors&) {
+        outcome = "out of descriptors";
+      } catch (const std::runtime_error& error) {
+        outcome = error.what();
+      }
       if (outcome != expected) throw std::runtime_error(outcome + ", not " + expected);
     });
     EXPECT_EQ(reader.join(), 0);
@@ -761,6 +770,12 @@ TEST_F(ForeignHistory, WithWriteAheadLogIsReadWhileItsWriterHasItOpen) {
   expectOutcome("read");
   writer.peer().signal();
   EXPECT_EQ(writer.join(), 0);
+}
+
+TEST_F(ForeignHistory, ThatMayNotBeReadIsNoLackOfDescriptors) {
+  HistoryFile(path_).add({.minute = kMinute});
+  std::filesystem::permissions(path_, std::filesystem::perms(0));
+  expectOutcome("unable to open database file");
 }
 
 // SQLite needs the shared index file beside the log, which only the writer could make here.
