@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <iterator>
 #include <limits>
 #include <stdexcept>
@@ -172,8 +171,8 @@ class SampleCursor {
 
   // The first sample at least `delay` later than `t`; the number of samples when there is none.
   std::size_t seek(double t) {
-    while (at_ < points_.size() && isBefore(at_, t)) ++at_;
-    while (at_ > 0 && !isBefore(at_ - 1, t)) --at_;
+    while (at_ < points_.size() && isBefore(points_[at_], t)) ++at_;
+    while (at_ > 0 && !isBefore(points_[at_ - 1], t)) --at_;
     return at_;
   }
   // All of (after(), until()] is found at the same sample.
@@ -181,13 +180,13 @@ class SampleCursor {
   double until() const { return at_ == points_.size() ? kForever : points_[at_].t - delay_; }
   // Like seek, from anywhere.
   void jump(double t) {
-    const auto before = [this, t](const RatePoint& point) { return point.t - delay_ < t; };
+    const auto before = [this, t](const RatePoint& point) { return isBefore(point, t); };
     const auto found = std::partition_point(points_.begin(), points_.end(), before);
     at_ = static_cast<std::size_t>(found - points_.begin());
   }
 
  private:
-  bool isBefore(std::size_t sample, double t) const { return points_[sample].t - delay_ < t; }
+  bool isBefore(const RatePoint& point, double t) const { return point.t - delay_ < t; }
 
   std::span<const RatePoint> points_;
   double delay_;
@@ -418,14 +417,8 @@ std::vector<RatePoint> CurveSweep::curve(std::string_view band_id) const {
 }
 
 std::string channelKey(std::string_view mode_name, double frequency_hz) {
-  const double megahertz = frequency_hz / 1'000'000;
-  const auto length = static_cast<std::size_t>(std::snprintf(nullptr, 0, "%.6f", megahertz));
-  std::string key(mode_name);
-  key += '/';
-  const std::size_t prefix = key.size();
-  key.resize(prefix + length);
-  std::snprintf(key.data() + prefix, length + 1, "%.6f", megahertz);
-  return key;
+  // to_string writes six decimals.
+  return std::string(mode_name) + "/" + std::to_string(frequency_hz / 1'000'000);
 }
 
 }  // namespace launcher

@@ -352,6 +352,33 @@ TEST(PruneIndex, ALongDayOfOneSourceLosesItsFrontOnly) {
   }
 }
 
+// Beyond what can be counted in whole seconds all starts are one.
+TEST(SourceIntervals, StartsBeyondAllCountAreOneInterval) {
+  const struct {
+    double earlier, later;
+  } cases[] = {{1e300, 2e300}, {-2e300, -1e300}, {0x1p70, kLargest}, {-kLargest, -0x1p70}};
+  for (const auto& c : cases) {
+    SourceIntervals source;
+    source.add({c.earlier, c.earlier, 1});
+    source.add({c.later, c.later, 2});
+    ASSERT_EQ(source.held().size(), 1u) << c.earlier;
+    EXPECT_EQ(source.held().front().count, 1u) << c.earlier;
+  }
+}
+
+// Where the view begins in memory tells.
+TEST(SourceIntervals, TheRestMovesToTheFrontWhenMoreThanAnEighthWasDropped) {
+  SourceIntervals source;
+  for (int minute = 0; minute < 800; ++minute) source.add({60.0 * minute, 60.0 * minute + 15, 1});
+  const IntervalRecord* const front = source.held().data();
+  source.dropBefore(100);
+  EXPECT_EQ(source.held().data(), front + 100);
+  source.dropBefore(101);
+  EXPECT_EQ(source.held().data(), front);
+  EXPECT_EQ(source.held().front().start, 60 * 101);
+  EXPECT_EQ(source.held().size(), 699u);
+}
+
 TEST(RateAt, ABandJustHeardIsNotDiluted) {
   BandRateIndex index;
   addFt8(index, kNow - 15, 12);
@@ -490,6 +517,7 @@ TEST(BandSeries, HasAPointAMinuteAndEndsNow) {
     ASSERT_EQ(points.size(), c.points) << c.hours;
     EXPECT_EQ(points.front().t, kNow + 17 - c.hours * 3600) << c.hours;
     EXPECT_EQ(points.back().t, kNow + 17) << c.hours;
+    EXPECT_EQ(points.capacity(), c.points) << "and no room to spare";
     for (std::size_t i = 1; i < points.size(); ++i) {
       ASSERT_EQ(points[i].t - points[i - 1].t, 60) << c.hours << " " << i;
     }
