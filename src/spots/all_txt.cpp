@@ -119,19 +119,20 @@ class UsualLine {
   }
 
   bool readTime(double& time) {
-    if (left() < kTimestampSize) return false;
-    const auto read = parseAllTxtTime({at_, kTimestampSize});
-    time = read.value_or(0);
+    const auto read = parseAllTxtTime(std::string_view(at_, left()).substr(0, kTimestampSize));
+    if (!read) return false;
+    time = *read;
     at_ += kTimestampSize;
-    return read.has_value();
+    return true;
   }
 
   bool readMode(int& mode) {
     const char* const begin = at_;
     while (at_ != end_ && *at_ != ' ') ++at_;
     const auto read = modeFromName({begin, at_});
-    mode = read.value_or(0);
-    return read.has_value();
+    if (!read) return false;
+    mode = *read;
+    return true;
   }
 
   // Appends the digits at hand to `number` and returns how many there were. More digits than the
@@ -311,7 +312,10 @@ std::optional<AllTxtRecord> parseAllTxtLine(std::string_view line) {
 
 std::optional<AllTxtRecord> parseAllTxtLine(std::string_view line, LineHead& last) {
   auto fields = UsualLine(line, last).read();
-  if (!fields) fields = readAnyLine(line);
+  if (!fields) {
+    ++last.second_passes;
+    fields = readAnyLine(line);
+  }
   if (!fields) return std::nullopt;
 
   const double frequency = fields->dial_mhz * kHzPerMhz;

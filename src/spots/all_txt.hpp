@@ -13,6 +13,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -47,6 +48,7 @@ struct LineHead {
   double time = 0;
   double dial_mhz = 0;
   int mode = 0;
+  std::uint64_t second_passes = 0;  // of all lines read with it, for those who watch the time
 };
 
 // The same record, for one line after the other; a fifth faster on the lines of a busy slot.

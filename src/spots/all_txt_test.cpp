@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "edge_of_memory.hpp"
 #include "failing_memory.hpp"
 #include "spots/all_txt_reference.hpp"
 #include "spots/message_reference.hpp"
@@ -26,11 +27,13 @@ constexpr double kTime = 1'741'947'330;  // 250314_101530
 
 // Production and plain form read the line alike; returns what they read. A blank in front changes
 // nothing but takes the line out of its usual shape: so both readers of the production form see it.
-// Nor does it matter which lines were read before.
+// Nor does it matter which lines were read before. No byte beyond the line is looked at.
 std::optional<AllTxtRecord> parseAlike(const std::string& line) {
   static LineHead last;
-  auto record = parseAllTxtLine(line);
-  for (const auto& other : {parseAllTxtLine(" " + line), parseAllTxtLine(line, last)}) {
+  static const EdgeOfMemory memory;
+  const auto end = memory.atEnd(line);
+  auto record = parseAllTxtLine(end);
+  for (const auto& other : {parseAllTxtLine(" " + line), parseAllTxtLine(end, last)}) {
     EXPECT_TRUE(reference::same(record, other)) << PrintToString(line);
   }
   const auto plain = reference::parseAllTxtLine(line);
@@ -98,6 +101,125 @@ TEST(AllTxtLine, EachFieldOfTheHeadMayChange) {
       parseAlike(line);
       parseAlike(other);
     }
+  }
+}
+
+// What the reader of usual lines takes: how many passes a line needs is the only difference.
+TEST(AllTxtLine, AUsualOneTakesOnePass) {
+  const std::string lines[] = {
+      "250314_101530    14.074 Rx FT8    -12  0.2 1234 CQ N0CALL FN42",
+      "250314_101530     7.074 Rx FT4      3 -0.2   34 N1CALL N0CALL RR73",
+      "250314_101530     7.078 Rx JS8      0 12.5 1234 X",
+      "250314_101530   144.178 Rx JS8-FAST    -12  0.2 1234 X",
+      "250314_101530     7.078 Rx JS8-TURBO    -12  0.2 1234 X",
+      "250314_101530 7.078 Rx JS8-SLOW -12 0.2 1234 X",
+      "250314_101530    14.0956 Rx WSPR    -25  0.2 1501 <EA8/N0CALL> FN42AB 30",
+      withFrequency("1.12345678901234"),
+      withFrequency("12345678901234.5"),
+      withFrequency("000000000000.000"),
+      withTimeOffset("-1234567.89012345"),
+      withSnr("123456789"),
+      withSnr("-123456789"),
+      withAudioOffset("-123456789"),
+      withMessage(""),
+      withMessage("\tHELLO"),
+      withMessage("x"),
+  };
+  for (const auto& line : lines) {
+    LineHead last;
+    parseAllTxtLine(line, last);
+    parseAllTxtLine(line, last);
+    EXPECT_EQ(last.second_passes, 0u) << line;
+  }
+}
+
+TEST(AllTxtLine, AnyOtherTakesTwo) {
+  const std::string lines[] = {
+      "",
+      " 250314_101530 14.074 Rx FT8 -12 0.2 1234 CQ N0CALL FN42",
+      "250314_101530 14.074 Rx FT8",
+      withTime("250314_10153"),
+      withTime("250314_1015300"),
+      withTime("250230_101530"),
+      withFrequency("+14.074"),
+      withFrequency("-14.074"),
+      withFrequency("14."),
+      withFrequency(".074"),
+      withFrequency("14"),
+      withFrequency("14,074"),
+      withFrequency("1.123456789012345"),
+      withFrequency("123456789012345.6"),
+      withFrequency("\t14.074"),
+      "250314_101530 14.074 Tx FT8 -12 0.2 1234 CQ N0CALL FN42",
+      "250314_101530 14.074 RX FT8 -12 0.2 1234 CQ N0CALL FN42",
+      "250314_101530 14.074 Rx FT9 -12 0.2 1234 CQ N0CALL FN42",
+      withSnr("+12"),
+      withSnr("-"),
+      withSnr("1234567890"),
+      withSnr("5\t"),
+      withTimeOffset("0"),
+      withTimeOffset("--0.2"),
+      withTimeOffset("-1234567.890123456"),
+      withAudioOffset("+1234"),
+      withAudioOffset("-1234567890"),
+      withAudioOffset("x"),
+  };
+  for (const auto& line : lines) {
+    LineHead last;
+    parseAllTxtLine(line, last);
+    EXPECT_EQ(last.second_passes, 1u) << line;
+    parseAllTxtLine(withSnr("-12"), last);
+    parseAllTxtLine(line, last);
+    EXPECT_EQ(last.second_passes, 2u) << line;
+  }
+}
+
+TEST(AllTxtLine, HeadsOfUpTo48CharactersAreRemembered) {
+  const auto lineAfter = [](std::size_t size) {
+    return "250314_101530" + std::string(size - 26, ' ') + "14.074 Rx FT8 -12 0.2 1234";
+  };
+  LineHead last;
+  for (const std::size_t size : {29u, 47u, 48u}) {
+    const auto line = lineAfter(size);
+    parseAllTxtLine(line, last);
+    EXPECT_EQ(std::string_view(last.text.data(), last.size), line.substr(0, size));
+    EXPECT_EQ(last.time, kTime);
+    EXPECT_EQ(last.dial_mhz, 14.074);
+    EXPECT_EQ(last.mode, kFt8);
+  }
+  parseAllTxtLine(lineAfter(49), last);
+  EXPECT_EQ(last.size, 48u);
+}
+
+// Shown by a head that claims what its text does not say.
+TEST(AllTxtLine, WhatIsKnownOfAHeadIsNotReadAgain) {
+  LineHead last;
+  const auto head = "250314_101530 14.074 Rx FT8"s;
+  parseAllTxtLine(head + " -12 0.2 1234", last);
+  last.time = 60;
+  last.dial_mhz = 7;
+  last.mode = kWspr;
+  const auto record = parseAllTxtLine(head + "  5 1.5 700 PA/N0CALL 37", last);
+  ASSERT_TRUE(record);
+  EXPECT_EQ(record->time, 60);
+  EXPECT_EQ(record->frequency, 7e6);
+  EXPECT_EQ(record->mode, kWspr);
+  EXPECT_EQ(record->callsign, "PA/N0CALL");
+  EXPECT_EQ(last.second_passes, 0u);
+}
+
+TEST(AllTxtLine, WithoutItsHeadIsNone) {
+  EXPECT_FALSE(parseAlike(" -12 0.2 1234 CQ N0CALL FN42"));
+  EXPECT_FALSE(parseAlike("2 -12 0.2 1234 CQ N0CALL FN42"));
+}
+
+TEST(AllTxtLine, MayEndWithTheHeadOfTheLast) {
+  const EdgeOfMemory memory;
+  const auto line = "250314_101530 14.074 Rx FT8 -12 0.2 1234"s;
+  LineHead last;
+  parseAllTxtLine(line, last);
+  for (std::size_t size = 0; size < 32; ++size) {
+    EXPECT_FALSE(parseAllTxtLine(memory.atEnd(line.substr(0, size)), last)) << size;
   }
 }
 
@@ -422,7 +544,8 @@ TEST(AllTxtTime, HasOneFormOnly) {
   for (const auto& token :
        {""s, "250314_10153"s, "250314_1015300"s, "250314-101530"s, "2503141_01530"s,
         "25031_1101530"s, "20250314_1015"s, "250314_10153 "s, "250314_ 01530"s, "+50314_101530"s,
-        "250314_-01530"s, "25O314_101530"s, "250314_10153\0"s, "250314_1015\xD9\xA1"s}) {
+        "250314_-01530"s, "25O314_101530"s, "2:0314_101530"s, "25031:_101530"s, "25031/_101530"s,
+        "250314_10153\0"s, "250314_1015\xD9\xA1"s}) {
     EXPECT_FALSE(parseAllTxtTime(token)) << PrintToString(token);
   }
 }
