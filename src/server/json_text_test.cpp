@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include "failing_memory.hpp"
 #include "server/json_text_reference.hpp"
 
 namespace spotserver {
@@ -184,6 +185,13 @@ TEST(JsonNumber, IsTheTextOfThePlainFormatter) {
       ASSERT_EQ(json_number(precision, -value), plainJsonNumber(precision, -value))
           << precision << " " << -value;
     }
+  }
+}
+
+TEST(JsonNumber, OfUpToThreeDecimalsTakesNoMemory) {
+  for (int precision = 0; precision <= 3; ++precision) {
+    const FailingMemory none(0);
+    EXPECT_NO_THROW(json_number(precision, -1234.5678)) << precision;
   }
 }
 

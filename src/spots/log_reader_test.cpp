@@ -11,6 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "failing_memory.hpp"
 #include "log_lines.hpp"
 #include "spots/log_reader_reference.hpp"
 #include "temp_dir.hpp"
@@ -156,6 +157,17 @@ TEST(ReadLogLines, SkippedLineCountsAsMoved) {
   EXPECT_TRUE(readLogLines(file, position, [](std::string_view) { FAIL(); }, {},
                            {.chunk = 4, .longest_line = 10}));
   EXPECT_FALSE(readLogLines(file, position, [](std::string_view) { FAIL(); }));
+}
+
+TEST(ReadLogLines, WithoutNewsNothingIsAllocated) {
+  TempDir dir;
+  const RegularFile file = open(dir.write("log", "one\ntwo"));
+  const std::function<void(std::string_view)> ignore = [](std::string_view) {};
+  LogPosition position;
+  readLogLines(file, position, ignore);
+  const long before = FailingMemory::taken();
+  EXPECT_FALSE(readLogLines(file, position, ignore));
+  EXPECT_EQ(FailingMemory::taken(), before);
 }
 
 TEST(ReadLogLines, EveryChunkSizeAndEveryCutGivesTheLinesOfGetline) {

@@ -187,6 +187,23 @@ TEST(SpotQueue, FullMemoryLeavesWhatWasHeld) {
   }
 }
 
+TEST(SpotQueue, RoomForSpotsGrowsByAQuarter) {
+  long growths = 0;
+  for (std::size_t room = 0; room < 100'000; room += room / 4 + 4) ++growths;
+  SpotQueue queue = queueOf({{15, "N0CALL"}});
+  const long before = FailingMemory::taken();
+  for (int i = 1; i < 100'000; ++i) queue.append(15, 0, 0, "20m", "N0CALL");
+  EXPECT_EQ(FailingMemory::taken() - before, growths - 1);
+}
+
+// Would not end within the test's time limit if every pruning looked at the spots of its minute.
+TEST(SpotQueue, PruningThatRemovesNothingLooksAtNoSpot) {
+  SpotQueue queue = queueOf({{60, "old"}});
+  for (int i = 0; i < 1'000'000; ++i) queue.append(61, 0, 0, "20m", "N0CALL");
+  for (int i = 0; i < 1'000'000; ++i) queue.pruneBefore(61);
+  EXPECT_EQ(queue.size(), 1'000'000u);
+}
+
 // Would not end within the test's time limit if an arriving spot looked at every interval of its
 // minute.
 TEST(SpotQueue, MinuteOfManyOddFrequenciesInHostileOrderStaysCheap) {
