@@ -9,6 +9,7 @@ A change that does not compile, or compiles to the same bytes, is none: another 
 """
 import argparse
 import json
+import os
 import random
 import re
 import shlex
@@ -128,6 +129,7 @@ class Workshop:
     def passes(self, program, arguments, patience):
         try:
             return subprocess.run([program, *arguments], cwd=self.scratch, timeout=patience,
+                                  env=os.environ | {"GTEST_FAIL_FAST": "1"},
                                   stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                                   stderr=subprocess.DEVNULL).returncode == 0
         except subprocess.TimeoutExpired:
