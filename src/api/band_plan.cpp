@@ -1,15 +1,14 @@
 #include "api/band_plan.hpp"
 
-#include <cstdio>
+#include <cstddef>
 
 namespace launcher {
 namespace {
 
 std::string offPlanId(double frequency_hz) {
-  char id[64];  // a longer id is cut, by design
-  const double megahertz = frequency_hz / 1'000'000;
-  const int length = std::snprintf(id, sizeof id, "%.6f MHz", megahertz);
-  return length < 0 ? std::string() : std::string(id);
+  constexpr std::size_t kLongest = 63;  // a longer id is cut, by design
+  const std::string id = std::to_string(frequency_hz / 1'000'000) + " MHz";  // six decimals
+  return id.substr(0, kLongest);
 }
 
 }  // namespace

@@ -376,12 +376,13 @@ CurveSweep::~CurveSweep() = default;
 std::size_t CurveSweep::addSource(std::string_view band_id, double length_s, double first_start) {
   const Acceptable accepts(0, length_s, now_);
   sources_.push_back({nullptr, accepts, length_s});
-  if (!accepts(first_start)) return sources_.size() - 1;
-  auto& band = bands_[std::string(band_id)];
-  if (band == nullptr) band.reset(new Band{.facts = {first_start, length_s, {}}, .changes = {}});
-  band->facts.first_start = std::min(band->facts.first_start, first_start);
-  band->facts.max_length = std::max(band->facts.max_length, length_s);
-  sources_.back().band = band.get();
+  if (accepts(first_start)) {
+    auto& band = bands_[std::string(band_id)];
+    if (band == nullptr) band.reset(new Band{.facts = {first_start, length_s, {}}, .changes = {}});
+    band->facts.first_start = std::min(band->facts.first_start, first_start);
+    band->facts.max_length = std::max(band->facts.max_length, length_s);
+    sources_.back().band = band.get();
+  }
   return sources_.size() - 1;
 }
 

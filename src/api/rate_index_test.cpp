@@ -578,6 +578,17 @@ TEST(CurveSweep, DrawsWhatAnIndexOfTheSameIntervalsDraws) {
   }
 }
 
+TEST(CurveSweep, ASourceWhoseFirstIntervalIsRefusedIsLeftOut) {
+  CurveSweep sweep(3, 24, kNow);
+  const auto refused = sweep.addSource("20m", 15, kNow - 90'000);
+  const auto good = sweep.addSource("40m", 15, kNow - 30);
+  sweep.add(refused, kNow - 15, 5);
+  sweep.add(good, kNow - 30, 12);
+  sweep.finish();
+  EXPECT_EQ(sweep.curve("20m").back().rate, std::nullopt);
+  EXPECT_EQ(sweep.curve("40m").back().rate, 1440);
+}
+
 TEST(CurveSweep, RefusesTheViewsThatASeriesRefuses) {
   EXPECT_THROW(CurveSweep(3, 2, kNow), std::invalid_argument);
   EXPECT_THROW(CurveSweep(0, 24, kNow), std::invalid_argument);
