@@ -198,8 +198,8 @@ class SampleCursor {
 class SourceSweep {
  public:
   // `changes` has one more element than `points`; both outlive the sweep.
-  SourceSweep(std::span<const RatePoint> points, double window, std::vector<WindowChange>& changes)
-      : gain_(points, 0), loss_(points, window), changes_(&changes) {}
+  SourceSweep(std::span<const RatePoint> points, double window, std::span<WindowChange> changes)
+      : gain_(points, 0), loss_(points, window), changes_(changes) {}
 
   void add(double end, std::uint64_t count) {
     if (!(end > after_ && end <= until_)) moveTo(end);
@@ -209,36 +209,35 @@ class SourceSweep {
 
   // When everything was added.
   void finish() {
-    if (after_ == until_) return;  // nothing was
-    WindowChange& gained = (*changes_)[gained_];
-    gained.count += alike_.count;
-    gained.latest_end = std::max(gained.latest_end, alike_.latest_end);
-    (*changes_)[lost_].count -= alike_.count;
+    if (gained_ == nullptr) return;  // nothing was
+    gained_->count += alike_.count;
+    gained_->latest_end = std::max(gained_->latest_end, alike_.latest_end);
+    lost_->count -= alike_.count;
     alike_ = {};
   }
 
  private:
   void moveTo(double end) {
-    if (after_ == until_) {
+    if (gained_ == nullptr) {
       gain_.jump(end);
       loss_.jump(end);
     } else {
       finish();
     }
-    gained_ = gain_.seek(end);
-    lost_ = loss_.seek(end);
+    gained_ = &changes_[gain_.seek(end)];
+    lost_ = &changes_[loss_.seek(end)];
     after_ = std::max(gain_.after(), loss_.after());
     until_ = std::min(gain_.until(), loss_.until());
   }
 
   SampleCursor gain_;
   SampleCursor loss_;
-  std::vector<WindowChange>* changes_;
+  std::span<WindowChange> changes_;
   WindowSum alike_;  // of those behind one another that come and go at the same samples
-  double after_ = 0;
-  double until_ = 0;  // as after_: no place yet
-  std::size_t gained_ = 0;
-  std::size_t lost_ = 0;
+  double after_ = kForever;
+  double until_ = kForever;
+  WindowChange* gained_ = nullptr;  // null: no place yet
+  WindowChange* lost_ = nullptr;
 };
 
 void drawChanges(const BandRateEntry& band, double window, const std::vector<WindowChange>& changes,
