@@ -29,6 +29,7 @@
 
 #include "server/owned.hpp"
 #include "statistics.hpp"
+#include "tool.hpp"
 
 namespace {
 
@@ -167,15 +168,7 @@ void run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 7) {
-    std::fputs("Usage: poll ROUNDS PATH PORT PID OTHER_PORT OTHER_PID [HEADER]...\n", stderr);
-    return 2;
-  }
-  try {
-    run(argc, argv);
-    return 0;
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "%s\n", error.what());
-    return 1;
-  }
+  return spotserver::runTool(argc >= 7,
+                             "Usage: poll ROUNDS PATH PORT PID OTHER_PORT OTHER_PID [HEADER]...\n",
+                             [&] { run(argc, argv); });
 }

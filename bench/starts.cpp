@@ -24,6 +24,7 @@
 
 #include "server/owned.hpp"
 #include "statistics.hpp"
+#include "tool.hpp"
 
 namespace {
 
@@ -155,16 +156,7 @@ void run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 6) {
-    std::fputs("Usage: starts ROUNDS READY PROGRAM [ARGUMENT]... -- PROGRAM [ARGUMENT]...\n",
-               stderr);
-    return 2;
-  }
-  try {
-    run(argc, argv);
-    return 0;
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "%s\n", error.what());
-    return 1;
-  }
+  return spotserver::runTool(
+      argc >= 6, "Usage: starts ROUNDS READY PROGRAM [ARGUMENT]... -- PROGRAM [ARGUMENT]...\n",
+      [&] { run(argc, argv); });
 }

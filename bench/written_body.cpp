@@ -6,13 +6,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <exception>
 #include <string>
 
 #include "api/activity.hpp"
 #include "api/activity_document.hpp"
 #include "plain_listener.hpp"
 #include "spots/refresh.hpp"
+#include "tool.hpp"
 
 namespace {
 
@@ -29,18 +29,11 @@ spotserver::ActivitySnapshot readStation(char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 7) {
-    std::fputs("Usage: written_body PORT CERT KEY LOG HISTORY CTY_FILE\n", stderr);
-    return 2;
-  }
-  try {
-    const spotserver::ActivitySnapshot snapshot = readStation(argv);
-    spotserver::servePlainly(
-        std::atoi(argv[1]), argv[2], argv[3], [] { return std::string("{}"); },
-        [&snapshot] { return spotserver::activityDocument(snapshot); });
-    return 0;
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "%s\n", error.what());
-    return 1;
-  }
+  return spotserver::runTool(
+      argc == 7, "Usage: written_body PORT CERT KEY LOG HISTORY CTY_FILE\n", [&] {
+        const spotserver::ActivitySnapshot snapshot = readStation(argv);
+        spotserver::servePlainly(
+            std::atoi(argv[1]), argv[2], argv[3], [] { return std::string("{}"); },
+            [&snapshot] { return spotserver::activityDocument(snapshot); });
+      });
 }
