@@ -1,5 +1,6 @@
 // Counts the allocations of a test program and lets them fail. Replaces the program's operator new:
-// include it in the one source file of a test only.
+// include it in the one source file of a test only. What a server does without memory is for
+// faults/fault_preload.cpp.
 #pragma once
 
 #include <cstdlib>
@@ -51,6 +52,7 @@ class FailingMemory {
 }  // namespace spotserver
 
 #ifndef __clang_analyzer__  // which sees leaks in every matcher otherwise
+// Not inlined: GCC would take the pair of malloc and operator delete for a mistake.
 [[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   return spotserver::FailingMemory::allow() ? std::malloc(size == 0 ? 1 : size) : nullptr;
 }
@@ -60,4 +62,7 @@ class FailingMemory {
 }
 [[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
 [[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, const std::nothrow_t&) noexcept {
+  std::free(memory);
+}
 #endif

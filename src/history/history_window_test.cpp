@@ -14,9 +14,9 @@
 #include <unistd.h>
 
 #include "api/rate_index_reference.hpp"
+#include "failing_memory.hpp"
 #include "history_file.hpp"
 #include "other_process.hpp"
-#include "scarce_memory.hpp"
 #include "spots/refresh.hpp"
 #include "temp_dir.hpp"
 
@@ -299,9 +299,9 @@ void runOutOfMemory(const std::string& path, bool for_good) {
   for (long n = 0; !enough; ++n) {
     SpotData data = before;
     {
-      const ScarceMemory scarce(n, for_good);
+      const FailingMemory memory(n, !for_good);
       readHistoryWindow(data, kBase, kBase + 600);
-      enough = !scarce.ranOut();
+      enough = !memory.failed();
     }
     // Sorting does without memory, so some refusals are overcome.
     ASSERT_EQ(describe(data), data.history_in_use ? describe(after) : untouched) << n;

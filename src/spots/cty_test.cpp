@@ -15,7 +15,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "scarce_memory.hpp"
+#include "failing_memory.hpp"
 #include "spots/cty_reference.hpp"
 #include "spots/regular_file.hpp"
 #include "temp_dir.hpp"
@@ -23,7 +23,7 @@
 namespace cty {
 namespace {
 
-using spotserver::ScarceMemory;
+using spotserver::FailingMemory;
 using spotserver::TempDir;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
@@ -696,9 +696,9 @@ TEST(ReloadIfChanged, ASparseTebibyteIsNotRead) {
 
 // Reloads with only the first `allowed` allocations granted. Returns whether they were enough.
 bool reloadWith(long allowed, bool for_good, Database& database, const std::string& path) {
-  const ScarceMemory scarce(allowed, for_good);
+  const FailingMemory memory(allowed, !for_good);
   database.reloadIfChanged(path);
-  return !scarce.ranOut();
+  return !memory.failed();
 }
 
 // Fails every allocation of a reload in turn.

@@ -7,7 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "scarce_memory.hpp"
+#include "failing_memory.hpp"
 
 namespace spotserver {
 namespace {
@@ -115,13 +115,13 @@ TEST(IntervalQueue, MemoryThatRunsOutChangesNothing) {
     IntervalQueue queue = before;
     bool failed = false;
     {
-      const ScarceMemory scarce(n, true);
+      const FailingMemory memory(n);
       try {
         queue.replaceFrom(20, fresh, bands);
       } catch (const std::bad_alloc&) {
         failed = true;
       }
-      enough = !scarce.ranOut();
+      enough = !memory.failed();
     }
     ASSERT_EQ(failed, !enough) << n;
     ASSERT_TRUE(enough || texts(queue) == untouched) << n;
