@@ -16,10 +16,10 @@ enum class Call : int {
   kNone,      // disarmed
   kAllocate,  // malloc and its family, operator new with it
   kOpen,      // open, fopen, pipe, opendir
-  kRead,      // read, pread, fread, fgets
-  kWrite,     // write, pwrite, fsync, fchmod, ftruncate
+  kRead,      // read, pread, fread, fgets, readdir
+  kWrite,     // write, pwrite, writev, fsync, fchmod, fchown, ftruncate
   kClose,     // which closes all the same, as the kernel does
-  kStat,      // stat, lstat, fstat
+  kStat,      // stat, lstat, fstat, access, readlink
   kName,      // rename, link, unlink, mkdir, rmdir, symlink
   kSpawn,     // fork, pthread_create
   kAccept,    // accept, accept4
@@ -31,7 +31,7 @@ inline constexpr int kShort = -1;
 // All zero: disarmed.
 struct Control {
   std::atomic<Call> call;
-  std::atomic<int> error;      // errno or kShort
+  std::atomic<int> error;      // errno or kShort; 0: none fails
   std::atomic<bool> for_good;  // the call that is due and all later ones fail, not it alone
   std::atomic<long> due;       // number of the call that fails, the first is 0
   std::atomic<long> seen;      // calls of the kind so far

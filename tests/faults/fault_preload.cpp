@@ -1,9 +1,11 @@
 // The library that is preloaded into the server: calls of the C library that fail when a test says
 // so. Everything else goes to the real function.
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <string_view>
 
 #include <dirent.h>
 #include <dlfcn.h>
@@ -12,6 +14,7 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include "faults/fault_control.hpp"
@@ -22,7 +25,7 @@ using spotserver::faults::Call;
 using spotserver::faults::Control;
 using spotserver::faults::kShort;
 
-Control* control = nullptr;  // none until the program begins
+std::atomic<Control*> control = nullptr;  // none until the program begins
 
 // The function that would have been called without us.
 template <typename Function>
@@ -32,12 +35,14 @@ Function* real(const char* name) {
 
 // 0, or how this call is to fail.
 int verdict(Call call) {
-  if (control == nullptr || control->call.load() != call) return 0;
-  const long number = control->seen++;
-  const long due = control->due;
-  if (number != due && !(control->for_good && number > due)) return 0;
-  ++control->failed;
-  return control->error;
+  Control* const told = control;
+  if (told == nullptr || told->call.load() != call) return 0;
+  const long number = told->seen++;
+  const long due = told->due;
+  const int how = told->error;
+  if (how == 0 || (number != due && !(told->for_good && number > due))) return 0;
+  ++told->failed;
+  return how;
 }
 
 // True with errno set when this call is to fail.
@@ -46,6 +51,13 @@ bool fails(Call call) {
   if (how == 0) return false;
   errno = how == kShort ? EIO : how;
   return true;
+}
+
+// The same of a call that opens `path`. A process that writes the counters of a coverage build is
+// at its end, and nothing that it does from here on is the server's.
+bool failsToOpen(const char* path) {
+  if (std::string_view(path).ends_with(".profraw")) control = nullptr;
+  return fails(Call::kOpen);
 }
 
 bool isSocket(int fd) {
@@ -60,7 +72,8 @@ bool isSocket(int fd) {
 // Reading and writing: `proceed(size)` does it.
 template <typename Proceed>
 ssize_t transfer(Call call, int fd, std::size_t size, Proceed proceed) {
-  if (control == nullptr || control->call.load() != call || isSocket(fd)) return proceed(size);
+  Control* const told = control;
+  if (told == nullptr || told->call.load() != call || isSocket(fd)) return proceed(size);
   const int how = verdict(call);
   if (how == kShort) return proceed(size > 1 ? size / 2 : size);
   if (how == 0) return proceed(size);
@@ -127,31 +140,32 @@ int posix_memalign(void** memory, size_t alignment, size_t size) {
 
 int open(const char* path, int flags, ...) {
   MODE_AFTER(flags)
-  return fails(Call::kOpen) ? -1 : NEXT(open, int(const char*, int, ...), path, flags, mode);
+  return failsToOpen(path) ? -1 : NEXT(open, int(const char*, int, ...), path, flags, mode);
 }
 int open64(const char* path, int flags, ...) {
   MODE_AFTER(flags)
-  return fails(Call::kOpen) ? -1 : NEXT(open64, int(const char*, int, ...), path, flags, mode);
+  return failsToOpen(path) ? -1 : NEXT(open64, int(const char*, int, ...), path, flags, mode);
 }
 int openat(int directory, const char* path, int flags, ...) {
   MODE_AFTER(flags)
-  if (fails(Call::kOpen)) return -1;
+  if (failsToOpen(path)) return -1;
   return NEXT(openat, int(int, const char*, int, ...), directory, path, flags, mode);
 }
 int openat64(int directory, const char* path, int flags, ...) {
   MODE_AFTER(flags)
-  if (fails(Call::kOpen)) return -1;
+  if (failsToOpen(path)) return -1;
   return NEXT(openat64, int(int, const char*, int, ...), directory, path, flags, mode);
 }
 FILE* fopen(const char* path, const char* how) {
-  return fails(Call::kOpen) ? nullptr : NEXT(fopen, FILE * (const char*, const char*), path, how);
+  return failsToOpen(path) ? nullptr : NEXT(fopen, FILE * (const char*, const char*), path, how);
 }
 FILE* fopen64(const char* path, const char* how) {
-  return fails(Call::kOpen) ? nullptr : NEXT(fopen64, FILE * (const char*, const char*), path, how);
+  return failsToOpen(path) ? nullptr : NEXT(fopen64, FILE * (const char*, const char*), path, how);
 }
 DIR* opendir(const char* path) {
   return fails(Call::kOpen) ? nullptr : NEXT(opendir, DIR * (const char*), path);
 }
+DIR* fdopendir(int fd) { return fails(Call::kOpen) ? nullptr : NEXT(fdopendir, DIR * (int), fd); }
 int pipe2(int* ends, int flags) {
   return fails(Call::kOpen) ? -1 : NEXT(pipe2, int(int*, int), ends, flags);
 }
@@ -194,6 +208,9 @@ char* fgets(char* buffer, int size, FILE* file) {
   file->_flags |= 0x20;
   return nullptr;
 }
+dirent* readdir(DIR* directory) {
+  return fails(Call::kRead) ? nullptr : NEXT(readdir, dirent * (DIR*), directory);
+}
 ssize_t write(int fd, const void* buffer, size_t size) {
   return transfer(Call::kWrite, fd, size, [&](size_t part) {
     return NEXT(write, ssize_t(int, const void*, size_t), fd, buffer, part);
@@ -204,9 +221,17 @@ ssize_t pwrite64(int fd, const void* buffer, size_t size, off64_t offset) {
     return NEXT(pwrite64, ssize_t(int, const void*, size_t, off64_t), fd, buffer, part, offset);
   });
 }
+ssize_t writev(int fd, const iovec* parts, int count) {
+  return transfer(Call::kWrite, fd, 1, [&](size_t) {
+    return NEXT(writev, ssize_t(int, const iovec*, int), fd, parts, count);
+  });
+}
 int fsync(int fd) { return fails(Call::kWrite) ? -1 : NEXT(fsync, int(int), fd); }
 int fchmod(int fd, mode_t mode) {
   return fails(Call::kWrite) ? -1 : NEXT(fchmod, int(int, mode_t), fd, mode);
+}
+int fchown(int fd, uid_t owner, gid_t group) {
+  return fails(Call::kWrite) ? -1 : NEXT(fchown, int(int, uid_t, gid_t), fd, owner, group);
 }
 int ftruncate(int fd, off_t size) {
   return fails(Call::kWrite) ? -1 : NEXT(ftruncate, int(int, off_t), fd, size);
@@ -238,8 +263,21 @@ int fstat64(int fd, struct stat64* status) {
   if (fails(Call::kStat)) return -1;
   return NEXT(fstat64, int(int, struct stat64*), fd, status);
 }
+int access(const char* path, int how) {
+  return fails(Call::kStat) ? -1 : NEXT(access, int(const char*, int), path, how);
+}
+ssize_t readlink(const char* path, char* buffer, size_t size) {
+  if (fails(Call::kStat)) return -1;
+  return NEXT(readlink, ssize_t(const char*, char*, size_t), path, buffer, size);
+}
 int rename(const char* from, const char* to) {
   return fails(Call::kName) ? -1 : NEXT(rename, int(const char*, const char*), from, to);
+}
+int renameat2(int from_directory, const char* from, int to_directory, const char* to,
+              unsigned flags) {
+  if (fails(Call::kName)) return -1;
+  return NEXT(renameat2, int(int, const char*, int, const char*, unsigned), from_directory, from,
+              to_directory, to, flags);
 }
 int link(const char* from, const char* to) {
   return fails(Call::kName) ? -1 : NEXT(link, int(const char*, const char*), from, to);
