@@ -5,10 +5,7 @@
 #include <optional>
 #include <thread>
 
-#include <gtest/gtest.h>
-
-#include "faults/fault_driver.hpp"
-#include "sanitizers.hpp"
+#include "faults/fault_test.hpp"
 
 namespace spotserver::faults {
 namespace {
@@ -23,14 +20,10 @@ const Fault kPassingFaults[] = {
     {"no memory", Call::kAccept, ENOMEM},
 };
 
-class FaultsOfAccept : public testing::Test {
+class FaultsOfAccept : public FaultTest {
  protected:
-  void SetUp() override {
-    if (kSanitized) GTEST_SKIP() << "the sanitizers' own library takes the place of ours";
-  }
-
   void serve() {
-    server_.emplace(faults_.under(station_.usualLaunch({"--pid-file", "spot.pid"})));
+    server_.emplace(faulty_.launch({"--pid-file", "spot.pid"}));
     server_->awaitOutput(e2e::kReady);
   }
 
@@ -49,12 +42,13 @@ class FaultsOfAccept : public testing::Test {
     server_->signal(SIGTERM);
     EXPECT_EQ(server_->waitForExit(), 0);
     EXPECT_EQ(server_->errors(), "");
-    EXPECT_FALSE(e2e::exists(station_.workFile("spot.pid")));
+    EXPECT_FALSE(exists(station_.workFile("spot.pid")));
   }
 
-  const e2e::Station station_;
-  FaultSwitch faults_{station_.home() + "/faults"};
-  std::optional<e2e::ServerProcess> server_;
+  FaultyStation faulty_;
+  const Station& station_ = faulty_.station;
+  FaultSwitch& faults_ = faulty_.faults;
+  std::optional<ServerProcess> server_;
 };
 
 TEST_F(FaultsOfAccept, OneThatPassesIsNotTheEnd) {

@@ -2,9 +2,6 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
-#include <random>
 #include <stdexcept>
 #include <string_view>
 
@@ -28,16 +25,7 @@ Control* mapFile(const std::string& path) {
   return static_cast<Control*>(memory);
 }
 
-long variable(const char* name, long fallback) {
-  const char* value = std::getenv(name);
-  return value == nullptr ? fallback : std::atol(value);
-}
-
 }  // namespace
-
-std::string describe(const Fault& fault) {
-  return std::string(fault.name) + (fault.for_good ? ", from there on" : "");
-}
 
 FaultSwitch::FaultSwitch(const std::string& path) : path_(path), control_(mapFile(path)) {}
 
@@ -60,22 +48,6 @@ void FaultSwitch::arm(const Fault& fault, long due) {
 }
 
 void FaultSwitch::disarm() { control_->call = Call::kNone; }
-
-Places::Places(const std::string& what, long count, long few) : count_(count) {
-  step_ = variable("SPOT_FAULTS_STEP", 0);
-  if (step_ > 0) {
-    from_ = variable("SPOT_FAULTS_FROM", 0) % step_;
-    return;
-  }
-  step_ = std::max(1L, (count + few - 1) / few);
-  from_ = static_cast<long>(std::random_device()() % static_cast<unsigned long>(step_));
-  std::printf("%s: every %ld of %ld from %ld\n", what.c_str(), step_, count_, from_);
-}
-
-Tally::~Tally() {
-  std::printf("%s: %ld served, %ld told why not, %ld aborted\n", what_.c_str(), counts_[0],
-              counts_[1], counts_[2]);
-}
 
 bool isSpecified(int status, const std::string& errors) {
   constexpr std::string_view kMessages[] = {
@@ -103,9 +75,13 @@ Ending endingOf(e2e::ServerProcess& server, const Fault& fault) {
   } catch (const std::runtime_error&) {  // it has ended, or it hangs
   }
   const int status = server.waitForExit();
-  if (isSpecified(status, server.errors())) return Ending::kRefused;
+  return endingOf(status, server.errors(), fault);
+}
+
+Ending endingOf(int status, const std::string& errors, const Fault& fault) {
+  if (isSpecified(status, errors)) return Ending::kRefused;
   if (status == 128 + SIGABRT && fault.call == Call::kAllocate) return Ending::kAborted;
-  throw std::runtime_error("ended with " + std::to_string(status) + ": " + server.errors());
+  throw std::runtime_error("ended with " + std::to_string(status) + ": " + errors);
 }
 
 }  // namespace spotserver::faults

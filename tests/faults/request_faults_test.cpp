@@ -6,14 +6,9 @@
 #include <filesystem>
 #include <optional>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "e2e/activity_model.hpp"
-#include "faults/fault_driver.hpp"
-#include "faults/made_identity.hpp"
+#include "faults/fault_test.hpp"
 #include "history_file.hpp"
-#include "sanitizers.hpp"
 
 namespace spotserver::faults {
 namespace {
@@ -22,9 +17,7 @@ using e2e::expectedDocument;
 using e2e::expectedFromLog;
 using e2e::generatedAt;
 using e2e::Heard;
-using e2e::ServerProcess;
 using e2e::Slot;
-using e2e::Station;
 
 namespace fs = std::filesystem;
 
@@ -34,38 +27,24 @@ constexpr long kFew = 40;
 // After so many requests the station begins anew: the plain model of its answers takes its time.
 constexpr int kRequestsPerStation = 40;
 
-const Fault kFaults[] = {
-    {"allocation", Call::kAllocate, ENOMEM},
-    {"allocation", Call::kAllocate, ENOMEM, true},
-    {"open: input/output error", Call::kOpen, EIO},
-    {"open: too many open files", Call::kOpen, EMFILE, true},
-    {"open: interrupted", Call::kOpen, EINTR},
-    {"read: input/output error", Call::kRead, EIO},
-    {"read: input/output error", Call::kRead, EIO, true},
-    {"read: interrupted", Call::kRead, EINTR},
-    {"read: short", Call::kRead, kShort},
-    {"read: short", Call::kRead, kShort, true},
-    {"close: input/output error", Call::kClose, EIO},
-    {"close: interrupted", Call::kClose, EINTR, true},
-    {"stat: input/output error", Call::kStat, EIO},
-    {"stat: input/output error", Call::kStat, EIO, true},
+// The answer to a request during which the server may be unable to answer.
+struct Answer {
+  Ending ending = Ending::kServing;
+  std::string body = {};
 };
 
-// The answer to a request during which the server may have been unable to answer at all. Nothing:
-// it closed the connection, or told the failure.
-std::optional<std::string> bodyOf(const Station& station, const char* path) {
-  e2e::Response response;
+Answer answerTo(const Station& station, const char* path) {
   try {
-    response = station.get(path, e2e::bearer(e2e::kToken));
+    const e2e::Response response = station.get(path, e2e::bearer(e2e::kToken));
+    if (response.status == 200) return {.body = response.body};
+    EXPECT_EQ(response.status, 500);
+    EXPECT_EQ(response.body, "");
+    return {Ending::kRefused};
   } catch (const std::runtime_error& error) {
     // A server that is silent for good is none that closed the connection.
     EXPECT_EQ(std::string(error.what()).find("silent"), std::string::npos) << error.what();
-    return std::nullopt;
+    return {Ending::kAborted};
   }
-  if (response.status == 200) return response.body;
-  EXPECT_EQ(response.status, 500);
-  EXPECT_EQ(response.body, "");
-  return std::nullopt;
 }
 
 // What a station knows.
@@ -101,16 +80,13 @@ bool showsLog(const std::string& body, const std::vector<Heard>& heard) {
 // A station whose files change before every request.
 class ChangingStation {
  public:
-  ChangingStation(const MadeIdentity& identity, bool with_history, const std::string& reload)
-      : faults_(station_.home() + "/faults") {
+  ChangingStation(const MadeIdentity& identity, bool with_history, const std::string& reload) {
     identity.giveTo(station_);
     fs::create_directories(station_.stateDir());
     if (with_history) history_.emplace(station_.stateDir() + "/history.sqlite3");
     first_ = e2e::wallClock() / 60 * 60 - 3600;
     change();
-    server_.emplace(faults_.under(
-        station_.usualLaunch({"--reload", reload, "--history-db",
-                              with_history ? station_.stateDir() + "/history.sqlite3" : "off"})));
+    server_.emplace(faulty_.launch({"--reload", reload}));
     server_->awaitOutput(e2e::kReady);
     station_.activity();  // whatever is done once is done
     station_.get(e2e::kHealthPath);
@@ -133,12 +109,15 @@ class ChangingStation {
   }
 
   // One request for `path` with the fault at `due`, and one for the activity without it.
-  void request(const Fault& fault, long due, const char* path) {
-    faults_.arm(fault, due);
-    const auto body = bodyOf(station_, path);
-    faults_.disarm();
-    if (body && path == std::string(e2e::kActivityPath)) expectMomentOf(*body);
+  FaultedRun request(const Fault& fault, long due, const char* path) {
+    faulty_.faults.arm(fault, due);
+    const Answer answer = answerTo(station_, path);
+    faulty_.faults.disarm();
+    if (answer.ending == Ending::kServing && path == std::string(e2e::kActivityPath)) {
+      expectMomentOf(answer.body);
+    }
     expectRight(nextAnswer());
+    return faulty_.run(answer.ending);
   }
 
   void stop() {
@@ -147,7 +126,6 @@ class ChangingStation {
     EXPECT_EQ(server_->errors(), "");
   }
 
-  FaultSwitch& faults() { return faults_; }
   int changes() const { return changes_; }
 
  private:
@@ -200,8 +178,8 @@ class ChangingStation {
     })) << body;
   }
 
-  Station station_;
-  FaultSwitch faults_;
+  FaultyStation faulty_;
+  const Station& station_ = faulty_.station;
   std::optional<HistoryFile> history_;
   std::optional<ServerProcess> server_;
   std::int64_t first_ = 0;
@@ -217,78 +195,52 @@ struct Scenario {
   const char* reload;
 };
 
-class FaultsInARequest : public testing::Test {
+class FaultsInARequest : public FaultTest {
  protected:
-  void SetUp() override {
-    if (kSanitized) GTEST_SKIP() << "the sanitizers' own library takes the place of ours";
-  }
-
-  void failEverywhere(const Scenario& scenario, const Fault& fault) const {
-    const std::string what = std::string(scenario.name) + ", " + describe(fault);
-    SCOPED_TRACE(what);
-    long struck = 0;
-    std::optional<ChangingStation> station;
-    const auto begin = [&] {
-      if (station) station->stop();
-      station.reset();
-      station.emplace(identity_, scenario.with_history, scenario.reload);
-    };
+  void failEverywhere(const Scenario& scenario) const {
     const bool changing = scenario.reload == std::string("0");
-    begin();
-    if (changing) station->change();
-    station->request({fault.name, fault.call, 0}, 0, scenario.path);
-    for (const long place : Places(what, station->faults().seen(), kFew)) {
-      SCOPED_TRACE(place);
-      if (changing) {
-        if (station->changes() >= kRequestsPerStation) begin();
-        station->change();
+    std::optional<ChangingStation> station;
+    const auto run = [&](const Fault& fault, long due) {
+      if (station && station->changes() >= kRequestsPerStation) {
+        station->stop();
+        station.reset();
       }
-      station->request(fault, place, scenario.path);
-      struck += station->faults().struck() ? 1 : 0;
-      if (testing::Test::HasFailure()) return;
-    }
+      if (!station) station.emplace(identity_, scenario.with_history, scenario.reload);
+      if (changing) station->change();
+      return station->request(fault, due, scenario.path);
+    };
+    faults::failEverywhere(scenario.name, allFaults(), kFew, run);
     station->stop();
-    if (struck > 0) std::printf("%s: %ld struck\n", what.c_str(), struck);
   }
 
   const MadeIdentity identity_;
 };
 
 TEST_F(FaultsInARequest, RefreshFromTheLog) {
-  for (const Fault& fault : kFaults) {
-    failEverywhere({"refresh from the log", e2e::kActivityPath, false, "0"}, fault);
-  }
+  failEverywhere({"refresh from the log", e2e::kActivityPath, false, "0"});
 }
 
 TEST_F(FaultsInARequest, RefreshFromTheHistory) {
-  for (const Fault& fault : kFaults) {
-    failEverywhere({"refresh from the history", e2e::kActivityPath, true, "0"}, fault);
-  }
+  failEverywhere({"refresh from the history", e2e::kActivityPath, true, "0"});
 }
 
 TEST_F(FaultsInARequest, AnswerWithoutARefresh) {
-  for (const Fault& fault : kFaults) {
-    failEverywhere({"answer", e2e::kActivityPath, false, "3600"}, fault);
-  }
+  failEverywhere({"answer", e2e::kActivityPath, false, "3600"});
 }
 
-TEST_F(FaultsInARequest, Health) {
-  for (const Fault& fault : kFaults) {
-    failEverywhere({"health", e2e::kHealthPath, false, "3600"}, fault);
-  }
-}
+TEST_F(FaultsInARequest, Health) { failEverywhere({"health", e2e::kHealthPath, false, "3600"}); }
 
 // On a connection that stands, so that nearly all that fails is the answer itself.
 TEST_F(FaultsInARequest, AnswerThatHasNoMemoryIsAnEmpty500OrNone) {
-  const Station station;
-  identity_.giveTo(station);
-  FaultSwitch faults(station.home() + "/faults");
-  ServerProcess server(faults.under(station.usualLaunch({"--history-db", "off"})));
+  FaultyStation faulty;
+  FaultSwitch& faults = faulty.faults;
+  identity_.giveTo(faulty.station);
+  ServerProcess server(faulty.launch({}));
   server.awaitOutput(e2e::kReady);
   long told = 0;
   for (long place = 0; place == 0 || faults.struck(); ++place) {
     SCOPED_TRACE(place);
-    e2e::TlsClient client(station.port());
+    e2e::TlsClient client(faulty.station.port());
     client.request("GET", e2e::kHealthPath);
     faults.arm({"allocation", Call::kAllocate, ENOMEM}, place);
     try {
