@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <memory>
 #include <utility>
 
 #include <sys/wait.h>
@@ -21,7 +22,7 @@ const std::vector<std::string> kArguments = {"--pid-file", "spot.pid"};
 
 struct Scenario {
   const char* name;
-  const MadeIdentity* identity = nullptr;  // none: a first start
+  std::shared_ptr<const MadeIdentity> identity = {};  // none: a first start
   bool with_history = false;
   bool in_background = false;
 };
@@ -129,12 +130,15 @@ class FaultyStart {
 
 const Scenario kFirstStart = {.name = "first start"};
 
-Scenario secondStart(const MadeIdentity& identity) {
-  return {.name = "second start", .identity = &identity, .with_history = true};
+Scenario secondStart() {
+  return {
+      .name = "second start", .identity = std::make_shared<MadeIdentity>(), .with_history = true};
 }
 
-Scenario startInTheBackground(const MadeIdentity& identity) {
-  return {.name = "start in the background", .identity = &identity, .in_background = true};
+Scenario startInTheBackground() {
+  return {.name = "start in the background",
+          .identity = std::make_shared<MadeIdentity>(),
+          .in_background = true};
 }
 
 using FaultsAtStart = FaultTest;
@@ -149,24 +153,16 @@ TEST_F(FaultsAtStart, FilesOfAFirstStart) { failEverywhere(kFirstStart, fileFaul
 
 TEST_F(FaultsAtStart, MemoryOfAFirstStart) { failEverywhere(kFirstStart, memoryFaults(), 15); }
 
-TEST_F(FaultsAtStart, FilesOfASecondStart) {
-  const MadeIdentity identity;
-  failEverywhere(secondStart(identity), fileFaults(), kFew);
-}
+TEST_F(FaultsAtStart, FilesOfASecondStart) { failEverywhere(secondStart(), fileFaults(), kFew); }
 
-TEST_F(FaultsAtStart, MemoryOfASecondStart) {
-  const MadeIdentity identity;
-  failEverywhere(secondStart(identity), memoryFaults(), 60);
-}
+TEST_F(FaultsAtStart, MemoryOfASecondStart) { failEverywhere(secondStart(), memoryFaults(), 60); }
 
 TEST_F(FaultsAtStart, FilesOfAStartInTheBackground) {
-  const MadeIdentity identity;
-  failEverywhere(startInTheBackground(identity), fileFaults(), kFew);
+  failEverywhere(startInTheBackground(), fileFaults(), kFew);
 }
 
 TEST_F(FaultsAtStart, MemoryOfAStartInTheBackground) {
-  const MadeIdentity identity;
-  failEverywhere(startInTheBackground(identity), memoryFaults(), 20);
+  failEverywhere(startInTheBackground(), memoryFaults(), 20);
 }
 
 // Moves the directories of the former name and ends, then again without the fault.
