@@ -14,6 +14,7 @@ std::vector<T> slice(const std::vector<T>& all, std::size_t begin, std::size_t e
 void Ledger::announceLine(const e2e::Heard& line, bool counts) {
   const MutexLock held(mutex_);
   lines_.push_back(line);
+  counted_.push_back(counts);
   if (counts) heard_.push_back(line);
   announce(versions_.back().log_begin);
 }
@@ -29,9 +30,13 @@ void Ledger::announceEmptyLog() {
   announce(lines_.size());
 }
 
-void Ledger::announceWholeLog(const std::vector<e2e::Heard>& known_again) {
+void Ledger::announceWholeLog(const std::function<bool(const std::string& callsign)>& counts) {
   const MutexLock held(mutex_);
-  heard_.insert(heard_.end(), known_again.begin(), known_again.end());
+  for (std::size_t i = 0; i < lines_.size(); ++i) {
+    if (counted_[i] || !counts(lines_[i].callsign)) continue;
+    counted_[i] = true;
+    heard_.push_back(lines_[i]);
+  }
   announce(0);
 }
 

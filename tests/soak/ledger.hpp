@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
+#include <string>
 #include <vector>
 
 #include "e2e/activity_model.hpp"
@@ -29,10 +31,11 @@ class Ledger {
   // Further content. `counts`: the sender's country is known.
   void announceLine(const e2e::Heard& line, bool counts) SPOT_EXCLUDES(mutex_);
   void announceSlots(const std::vector<e2e::Slot>& slots) SPOT_EXCLUDES(mutex_);
-  // A log that is empty, or holds every line there ever was; `known_again`: senders among them that
-  // count now.
+  // A log that is empty, or holds every line there ever was. Of these, the senders that did not
+  // count before are asked about again.
   void announceEmptyLog() SPOT_EXCLUDES(mutex_);
-  void announceWholeLog(const std::vector<e2e::Heard>& known_again) SPOT_EXCLUDES(mutex_);
+  void announceWholeLog(const std::function<bool(const std::string& callsign)>& counts)
+      SPOT_EXCLUDES(mutex_);
   void settle() SPOT_EXCLUDES(mutex_);
 
   // Numbers of versions: the newest that is in the files for certain, and that may be.
@@ -56,6 +59,7 @@ class Ledger {
 
   mutable Mutex mutex_;
   std::vector<e2e::Heard> lines_ SPOT_GUARDED_BY(mutex_);
+  std::vector<bool> counted_ SPOT_GUARDED_BY(mutex_);  // by line: it is in heard_
   std::vector<e2e::Heard> heard_ SPOT_GUARDED_BY(mutex_);
   std::vector<e2e::Slot> slots_ SPOT_GUARDED_BY(mutex_);
   std::vector<Version> versions_ SPOT_GUARDED_BY(mutex_) = {{}};

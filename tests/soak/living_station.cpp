@@ -146,13 +146,9 @@ void LivingStation::cutShort() {
 
 void LivingStation::bringBackWholeLog() {
   std::string text = oldLines(e2e::wallClock());
-  std::vector<Heard> known;
-  for (const Heard& line : ledger_.lines()) {
-    text += e2e::logLine(line);
-    if (counts(line.callsign)) known.push_back(line);
-  }
+  for (const Heard& line : ledger_.lines()) text += e2e::logLine(line);
   e2e::writeFile(station_.log() + ".new", text);
-  ledger_.announceWholeLog(known);
+  ledger_.announceWholeLog([this](const std::string& callsign) { return counts(callsign); });
   std::filesystem::rename(station_.log() + ".new", station_.log());
   ledger_.settle();
 }
