@@ -5,6 +5,7 @@
 #   tools/soak.sh MINUTES [options of the program soak]
 #   tools/soak.sh 30
 #   tools/soak.sh 5 --clients 100 --rate 400
+#   tools/soak.sh 30 --reserves 1    with the C library as the server usually has it
 set -euo pipefail
 
 checkout=$(realpath -- "$(dirname -- "${BASH_SOURCE[0]}")/..")

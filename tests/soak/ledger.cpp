@@ -1,5 +1,7 @@
 #include "soak/ledger.hpp"
 
+#include <set>
+
 namespace spotserver::soak {
 namespace {
 
@@ -60,6 +62,14 @@ Contents Ledger::at(std::size_t number) const {
   const Version& version = versions_.at(number);
   return {slice(lines_, version.log_begin, version.log_end), slice(heard_, 0, version.heard_end),
           slice(slots_, 0, version.slots_end)};
+}
+
+Stock Ledger::stockAt(std::size_t number) const {
+  const MutexLock held(mutex_);
+  const Version& version = versions_.at(number);
+  std::set<std::string> callsigns;
+  for (std::size_t i = 0; i < version.heard_end; ++i) callsigns.insert(heard_[i].callsign);
+  return {version.log_end, callsigns.size(), version.slots_end};
 }
 
 std::vector<e2e::Heard> Ledger::lines() const {

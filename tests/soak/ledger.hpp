@@ -19,6 +19,13 @@ struct Contents {
   std::vector<e2e::Slot> slots;   // of the receivers' history
 };
 
+// What there ever was to hold, counted.
+struct Stock {
+  std::size_t lines = 0;
+  std::size_t callsigns = 0;  // different ones
+  std::size_t slots = 0;
+};
+
 // One writer changes the files and says so; many readers ask what an answer may rest on. A change
 // is announced before its first byte is written and settled after its last, so an answer rests on
 // one of the versions from the one settled when it was asked for to the one announced when it came.
@@ -42,6 +49,7 @@ class Ledger {
   std::size_t settled() const SPOT_EXCLUDES(mutex_);
   std::size_t announced() const SPOT_EXCLUDES(mutex_);
   Contents at(std::size_t version) const SPOT_EXCLUDES(mutex_);
+  Stock stockAt(std::size_t version) const SPOT_EXCLUDES(mutex_);
   // Every line there ever was.
   std::vector<e2e::Heard> lines() const SPOT_EXCLUDES(mutex_);
 
