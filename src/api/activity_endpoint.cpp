@@ -114,8 +114,8 @@ void handleActivity(const ActivityEndpoint& endpoint, const httplib::Request& re
   const int hours = viewParameter(request.get_param_value("hours"), kHours, kDefaultHours);
   const int smoothing =
       viewParameter(request.get_param_value("smoothing"), kSmoothings, kDefaultSmoothing);
-  endpoint.store.refresh(now, endpoint.reload_interval);
-  const auto answer = activityAt(*endpoint.store.lock(), hours, smoothing, now);
+  const auto answer =
+      activityAt(*endpoint.store.refresh(now, endpoint.reload_interval), hours, smoothing, now);
   sendAnswer(*answer, now, request, response);
 }
 

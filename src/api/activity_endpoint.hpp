@@ -38,7 +38,7 @@ bool authorize(const httplib::Request& request, httplib::Response& response,
                TokenThrottle& throttle, const std::string& access_token);
 
 // Answers one request, with gzip for a client that prefers it. Locks one thing at a time: the
-// throttle, the store for the refresh, the store for the answer; none while the text is written.
+// throttle, then the store for refresh and answer; none while the text is written.
 // The answer needs finishJson before it leaves, a refusal too.
 void handleActivity(const ActivityEndpoint& endpoint, const httplib::Request& request,
                     httplib::Response& response);

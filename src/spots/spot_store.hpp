@@ -2,10 +2,15 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <functional>
+#include <mutex>
 #include <stop_token>
+#include <utility>
 
-#include "server/mutex.hpp"
+#include "server/fair_mutex.hpp"
+#include "spots/refresh.hpp"
 #include "spots/spot_data.hpp"
 
 namespace spotserver {
@@ -14,12 +19,21 @@ namespace spotserver {
 //
 //   SpotStore store;
 //   store.lock()->all_txt_path = "/home/op/ALL.TXT";
-//   store.refresh(now, 15);
-//   const auto held = store.lock();
-//   const auto answer = activityAt(*held, 6, 3, now);
+//   const auto answer = activityAt(*store.refresh(now, 15), 6, 3, now);
+//
+// Whoever came first is served first. A history that its writer keeps locked takes a refresh five
+// seconds; as those who waited for a long refresh do not look for themselves, and as nobody else
+// does before they have been served, no one waits for more than one of them.
 class SpotStore {
  public:
   using Interval = spotserver::Interval;
+
+  // Tests bring a refresh of their own, and their own idea of a long one.
+  using Refresh = std::function<void(SpotData& data, double now, double min_interval,
+                                     const std::stop_token& stop)>;
+  explicit SpotStore(Refresh refresh = refreshSpots,
+                     std::chrono::nanoseconds long_refresh = std::chrono::seconds(1))
+      : refresh_(std::move(refresh)), long_refresh_(long_refresh) {}
 
   // The only way to the data; the store is locked while one lives. A thread that holds one must not
   // call lock or refresh. Clang's analysis cannot follow a guard that is returned, hence the
@@ -36,22 +50,33 @@ class SpotStore {
     SpotData* operator->() const SPOT_NO_THREAD_SAFETY_ANALYSIS { return &store_.data_; }
 
    private:
+    friend class SpotStore;
+    Held(SpotStore& store, std::adopt_lock_t /*locked*/) noexcept : store_(store) {}
+
     SpotStore& store_;
   };
 
-  // Waits for whoever holds the store, a refresh included.
+  // Waits for whoever holds the store, a refresh included, and for those who came before.
   Held lock() { return Held(*this); }
 
-  // refreshSpots under the lock. `now` in UTC epoch seconds, `min_interval` in seconds. Of several
-  // threads that call it at once, the first reads and the others return when it is done.
-  void refresh(double now, double min_interval) noexcept;
+  // Locks the store, refreshes it (refreshSpots) and returns it still locked, so that the answer is
+  // made of what was just read. `now` in UTC epoch seconds, `min_interval` in seconds. Reads
+  // nothing when a refresh of another thread has taken a second or more of the time it waited.
+  Held refresh(double now, double min_interval) noexcept SPOT_NO_THREAD_SAFETY_ANALYSIS;
 
   // Ends a read under way, now and for good: later refreshes leave everything as it is. Any thread,
   // any number of times; takes no lock.
   void interrupt() noexcept;
 
+  // The threads that wait for the store right now, for those who watch them.
+  std::uint64_t waiting() { return mutex_.waiting(); }
+
  private:
-  Mutex mutex_;
+  void refreshLocked(double now, double min_interval) SPOT_REQUIRES(mutex_);
+
+  const Refresh refresh_;
+  const std::chrono::nanoseconds long_refresh_;
+  FairMutex mutex_;
   SpotData data_ SPOT_GUARDED_BY(mutex_);
   std::stop_source stop_;
   std::atomic<std::uint64_t> long_refreshes_ = 0;  // that have ended

@@ -3,9 +3,11 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <semaphore>
 #include <string>
 #include <thread>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -18,7 +20,32 @@
 namespace spotserver {
 namespace {
 
+using ::testing::ElementsAre;
+using ::testing::Pair;
+
 constexpr double kNow = 1'741'947'330;
+
+// A refresh that takes as long as the test wants; each adds one to the generation.
+class SlowFiles {
+ public:
+  SpotStore::Refresh refresh() {
+    return [this](SpotData& data, double, double, const std::stop_token&) {
+      begun_.release();
+      end_.acquire();
+      ++data.generation;
+    };
+  }
+  void awaitRefresh() { begun_.acquire(); }
+  void endRefresh() { end_.release(); }
+
+ private:
+  std::counting_semaphore<> begun_{0};
+  std::counting_semaphore<> end_{0};
+};
+
+void awaitWaiting(SpotStore& store, std::uint64_t threads) {
+  while (store.waiting() != threads) std::this_thread::yield();
+}
 
 std::string heard(const std::string& callsign) {
   return decodeLine(kNow - 10, "CQ " + callsign + " FN42");
@@ -72,8 +99,68 @@ TEST(SpotStore, AnInterruptedStoreIsLeftAsItIs) {
   EXPECT_EQ(held->last_refresh, kNow);
 }
 
-// A history locked by its writer takes five seconds.
-TEST(SpotStore, ALongRefreshServesAllWhoWaitedForIt) {
+TEST(SpotStore, NobodyLooksAgainBeforeAllAreServedWhoWaitedForALongRefresh) {
+  SlowFiles files;
+  SpotStore store(files.refresh(), std::chrono::seconds(0));
+  std::vector<std::pair<std::string, std::uint64_t>> served;  // and the refresh it was served from
+  const auto ask = [&](const std::string& phone) {
+    const auto held = store.refresh(kNow, 0);
+    served.emplace_back(phone, held->generation);
+  };
+  std::vector<std::jthread> phones;
+  phones.emplace_back([&] {
+    ask("first");
+    ask("first again");  // at once, where the others have yet to wake up
+  });
+  files.awaitRefresh();
+  for (const std::uint64_t before : {0u, 1u, 2u}) {
+    phones.emplace_back([&, before] { ask("waited " + std::to_string(before)); });
+    awaitWaiting(store, before + 1);
+  }
+  files.endRefresh();
+
+  files.awaitRefresh();
+  EXPECT_THAT(served, ElementsAre(Pair("first", 1), Pair("waited 0", 1), Pair("waited 1", 1),
+                                  Pair("waited 2", 1)));
+  phones.emplace_back([&] { ask("late"); });
+  awaitWaiting(store, 1);
+  files.endRefresh();
+  phones.clear();
+  EXPECT_EQ(served.size(), 6u);
+  EXPECT_THAT(served[4], Pair("first again", 2));
+  EXPECT_THAT(served[5], Pair("late", 2));
+}
+
+TEST(SpotStore, AQuickRefreshSparesNobodyTheLook) {
+  SlowFiles files;
+  SpotStore store(files.refresh(), std::chrono::hours(1));
+  std::jthread first([&] { store.refresh(kNow, 0); });
+  files.awaitRefresh();
+  std::jthread second([&] { store.refresh(kNow, 0); });
+  awaitWaiting(store, 1);
+  files.endRefresh();
+  files.awaitRefresh();
+  files.endRefresh();
+}
+
+TEST(SpotStore, TheStoreIsHeldFromTheRefreshToTheAnswer) {
+  SlowFiles files;
+  SpotStore store(files.refresh(), std::chrono::hours(1));
+  files.endRefresh();
+  files.endRefresh();
+  std::jthread other;
+  {
+    const auto held = store.refresh(kNow, 0);
+    other = std::jthread([&] { store.refresh(kNow, 0); });
+    awaitWaiting(store, 1);
+    EXPECT_EQ(held->generation, 1u);
+  }
+  other.join();
+  EXPECT_EQ(store.lock()->generation, 2u);
+}
+
+// A history that its writer keeps locked takes five seconds.
+TEST(SpotStore, OfFourWhoMeetALockedHistoryOneWaitsForIt) {
   TempDir dir;
   HistoryFile history(dir.path("history.sqlite3"));
   history.exec("BEGIN EXCLUSIVE");
