@@ -511,6 +511,28 @@ TEST_F(Refresh, DecoderWhoseClockIsAYearAheadFillsNoMemory) {
   EXPECT_EQ(data.accepted_lines, 1000u);
 }
 
+// A line that was left out becomes old enough when the clock is at its date, and then all are held
+// that lie up to a retention ahead of that: the next time is a retention later.
+TEST_F(Refresh, DecoderMoreThanADayAheadLetsTheLogBeReadAnewOnceADayOnly) {
+  constexpr double kAhead = 26 * 3600;
+  constexpr int kDays = 5;
+  std::vector<double> read_anew;
+  for (double now = kNow; now < kNow + kDays * 86'400; now += 900) {
+    appendLog(decodeLine(now + kAhead, "CQ N0AAA FN42"));
+    const auto lines = data.accepted_lines;
+    refresh(now);
+    if (data.accepted_lines > lines + 1) read_anew.push_back(now);
+    ASSERT_EQ(spotsHeld(data, now - launcher::kRetention, now),
+              plainSpots(data.all_txt_path, now - launcher::kRetention, now));
+    ASSERT_LE(data.spots.size(), 2 * 89'100 / 900 + 1u);
+  }
+  ASSERT_FALSE(read_anew.empty());
+  EXPECT_EQ(read_anew.front(), kNow + kAhead);
+  for (std::size_t i = 1; i < read_anew.size(); ++i) {
+    EXPECT_GE(read_anew[i] - read_anew[i - 1], launcher::kRetention);
+  }
+}
+
 // The clock is set.
 
 TEST_F(Refresh, ClockUpTo600SecondsBackWaits) {

@@ -22,7 +22,7 @@ using e2e::Station;
 
 // Ten times what a quiet machine may take.
 constexpr auto kQuick = 20s;
-constexpr Milliseconds kHealthLimit = 500ms;
+constexpr Milliseconds kHealthLimit = kSanitized ? 2500ms : 500ms;
 
 // KiB; sanitizers take more.
 constexpr long long kMemoryLimit = kSanitized ? 4'000'000 : 64'000'000 / 1024;
@@ -47,7 +47,7 @@ TEST(Files, FifosInAllPlacesHoldNothingUp) {
   EXPECT_LT(timeOf([&] { server.emplace(station.serve()); }), kQuick);
   HealthWatch health(station.port());
   EXPECT_LT(timeOf([&] { EXPECT_EQ(spotsOf(station), 0); }), kQuick);
-  EXPECT_LT(quantile(health.end(), 0.5), kHealthLimit);
+  EXPECT_LT(longestOf(health.end()), kHealthLimit);
 
   for (const std::string& path : {station.log(), historyPathOf(station)}) {
     std::filesystem::remove(path);
@@ -71,7 +71,7 @@ TEST(Files, LineWithoutAnEndCostsNeitherTimeNorMemory) {
   for (int look = 0; look < 3; ++look) {
     EXPECT_LT(timeOf([&] { EXPECT_EQ(spotsOf(station), 1); }), kQuick);
   }
-  EXPECT_LT(quantile(health.end(), 0.5), kHealthLimit);
+  EXPECT_LT(longestOf(health.end()), kHealthLimit);
   EXPECT_LT(peakMemory(server.pid()) - before, kMemoryLimit);
 
   station.appendLog("\n" + logLine(heardAt(time + 15)));
@@ -88,7 +88,7 @@ TEST(Files, SparseTebibyteIsBegunAtItsEnd) {
   station.appendLog("\n" + logLine(heardAt(e2e::wallClock() - 60)));
   HealthWatch health(station.port());
   EXPECT_LT(timeOf([&] { EXPECT_EQ(spotsOf(station), 1); }), kQuick);
-  EXPECT_LT(quantile(health.end(), 0.5), kHealthLimit);
+  EXPECT_LT(longestOf(health.end()), kHealthLimit);
   EXPECT_LT(peakMemory(server->pid()) - before, kMemoryLimit);
 }
 
