@@ -1,5 +1,6 @@
 // The refresh in its plainest form, for tests: the whole log read anew each time; and a script that
-// holds the refresh to it while a log grows, rotates, shrinks and grows again.
+// holds the refresh to it while a log grows, rotates, shrinks and grows again, and while a history
+// comes, goes and grows.
 #pragma once
 
 #include <algorithm>
@@ -7,13 +8,17 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <optional>
+#include <set>
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "api/band_plan.hpp"
 #include "byte_script.hpp"
+#include "history_file.hpp"
 #include "log_lines.hpp"
 #include "spots/all_txt.hpp"
 #include "spots/heard_callsigns_reference.hpp"
@@ -56,12 +61,95 @@ inline std::vector<std::string> plainSpots(const std::string& path, double from,
   return spots;
 }
 
-// A station's log and a store that follows it through whatever `bytes` say. Every line is another,
-// as a station's are.
+// The intervals held that start at `from` or later.
+inline std::vector<std::string> intervalsHeld(const SpotData& data, double from) {
+  std::vector<std::string> intervals;
+  for (const Interval interval : data.intervals) {
+    if (interval.start < from) continue;
+    intervals.push_back(std::to_string(interval.start) + " " + interval.band + " " +
+                        std::to_string(interval.count));
+  }
+  return intervals;
+}
+
+// What the rates are made of, by band and source, as far as it starts at `from` or later.
+inline std::vector<std::string> ratesHeld(const SpotData& data, double from) {
+  std::vector<std::string> records;
+  for (const auto& [band, entry] : data.rates) {
+    for (const auto& [source, intervals] : entry.by_source) {
+      for (const launcher::IntervalRecord& record : intervals.held()) {
+        if (record.start < from) continue;
+        records.push_back(band + " " + source + " " + std::to_string(record.start) + " " +
+                          std::to_string(record.end) + " " + std::to_string(record.count));
+      }
+    }
+  }
+  return records;
+}
+
+// `all` without one of each of `some`, the earlier ones first.
+inline std::vector<std::string> without(const std::vector<std::string>& some,
+                                        std::vector<std::string> all) {
+  std::multiset<std::string> left(some.begin(), some.end());
+  std::erase_if(all, [&left](const std::string& one) {
+    const auto found = left.find(one);
+    if (found == left.end()) return false;
+    left.erase(found);
+    return true;
+  });
+  return all;
+}
+
+// A receivers' history that is not there at first.
+class ScriptedHistory {
+ public:
+  explicit ScriptedHistory(const TempDir& dir)
+      : path_(dir.path("history.sqlite3")), aside_(dir.path("aside.sqlite3")) {}
+
+  const std::string& path() const { return path_; }
+  bool inPlace() const { return in_place_; }
+
+  // Makes it; later puts it aside and back in turn.
+  void comeOrGo() {
+    if (!file_) {
+      file_.emplace(path_);
+    } else if (in_place_) {
+      std::filesystem::rename(path_, aside_);
+    } else {
+      std::filesystem::rename(aside_, path_);
+    }
+    in_place_ = !in_place_;
+  }
+
+  // A minute of one receiver, up to three minutes before `newest`; none if it has told of it.
+  void addMinute(ByteScript& script, double newest) {
+    const bool wspr = script.below(4) == 0;
+    const bool odd = script.below(4) == 0;
+    const double time = newest - static_cast<double>(script.below(180));
+    const MinuteRow row{.frequency = odd ? 13'000'000 + ++serial_ : 14'074'000,
+                        .mode = wspr ? "WSPR" : "FT8",
+                        .minute = static_cast<std::int64_t>(std::floor(time / 60)),
+                        .mask = wspr ? 1 : static_cast<std::int64_t>(script.below(16)),
+                        .counts = countsBlob({script.byte(), 1, script.byte(), 0})};
+    if (told_.emplace(row.mode + std::to_string(row.frequency), row.minute).second) file_->add(row);
+  }
+
+ private:
+  const std::string path_;
+  const std::string aside_;
+  std::optional<HistoryFile> file_;
+  bool in_place_ = false;
+  std::set<std::pair<std::string, std::int64_t>> told_;
+  int serial_ = 0;
+};
+
+// A station's files and a store that follows them through whatever `bytes` say. Every line is
+// another, as a station's are.
 class RefreshScript {
  public:
   explicit RefreshScript(std::span<const std::uint8_t> bytes) : script_(bytes) {
     data_.all_txt_path = log_;
+    data_.history_path = history_.path();
   }
 
   // What differed first; empty when nothing did.
@@ -118,6 +206,9 @@ class RefreshScript {
       case 10:
         dir_.append("ALL.TXT", "\n");
         return "line end";
+      case 13:
+        history_.comeOrGo();
+        return history_.inPlace() ? "history came" : "history went";
       default:
         dir_.append("ALL.TXT", lines());
         return "lines";
@@ -179,26 +270,57 @@ class RefreshScript {
     return text;
   }
 
+  // Receivers are late by less than the five minutes that are read again.
+  void growHistory() {
+    if (!history_.inPlace()) return;
+    for (std::size_t n = script_.below(3); n > 0; --n) {
+      history_.addMinute(script_, std::max(now_, data_.history_read_to));
+    }
+  }
+
   std::string refresh() {
+    growHistory();
     const auto held = spotsHeld(data_, now_ - launcher::kRetention, now_);
     const auto generation = data_.generation;
     refreshSpots(data_, now_, 0);
     if (data_.last_refresh != now_) return "";  // a small step back waits
     const double cutoff = now_ - launcher::kRetention;
     const auto found = spotsHeld(data_, cutoff, now_);
+    if (data_.history_in_use != history_.inPlace()) return "history in use or not";
     if (found != held && data_.generation == generation) return "another day, same generation";
-    if (data_.generation > generation + 1) return "more than one generation";
-    if (spotsHeld(data_, -1e300, now_) != found) return "spots from before the retention";
-    if (!std::filesystem::exists(log_)) return "";
-    if (found != plainSpots(log_, cutoff, now_)) return "spots differ from those of the whole log";
-    return compareWithFreshStart(found);
-  }
-
-  std::string compareWithFreshStart(const std::vector<std::string>& found) const {
+    if (data_.generation > generation + (data_.history_in_use ? 2 : 1)) return "generation";
+    if (spotsHeld(data_, -kEver, now_) != found) return "spots from before the retention";
+    if (intervalsHeld(data_, -kEver) != intervalsHeld(data_, cutoff)) return "intervals too old";
     SpotData fresh;
     fresh.all_txt_path = log_;
+    fresh.history_path = history_.path();
     refreshSpots(fresh, now_, 0);
-    if (spotsHeld(fresh, now_ - launcher::kRetention, now_) != found) return "fresh start differs";
+    return data_.history_in_use ? compareHistory(fresh) : compareLog(fresh, found);
+  }
+
+  std::string compareHistory(const SpotData& fresh) {
+    const double cutoff = now_ - launcher::kRetention;
+    if (!data_.spots.empty()) return "spots beside the history";
+    if (intervalsHeld(data_, cutoff) != intervalsHeld(fresh, cutoff)) return "intervals";
+    if (ratesHeld(data_, cutoff) != ratesHeld(fresh, cutoff)) return "rates";
+    if (!std::filesystem::exists(log_)) return "";
+    told_by_history_ = plainSpots(log_, -kEver, kEver);
+    return compareCallsigns(fresh);
+  }
+
+  // What was read while the history was in use is not read again, unless the log is begun anew.
+  std::string compareLog(const SpotData& fresh, const std::vector<std::string>& found) const {
+    if (!std::filesystem::exists(log_)) return "";
+    const double cutoff = now_ - launcher::kRetention;
+    const auto whole = plainSpots(log_, cutoff, now_);
+    if (spotsHeld(fresh, cutoff, now_) != whole) return "fresh start differs";
+    if (found != whole && found != without(told_by_history_, whole)) {
+      return "spots differ from those of the whole log";
+    }
+    return compareCallsigns(fresh);
+  }
+
+  std::string compareCallsigns(const SpotData& fresh) const {
     const LastHeard held = lastHeard(data_);
     for (const auto& [callsign, time] : lastHeard(fresh)) {
       if (time > now_) continue;  // its line was perhaps too far ahead when it was read
@@ -209,9 +331,13 @@ class RefreshScript {
     return "";
   }
 
+  static constexpr double kEver = 1e300;
+
   ByteScript script_;
   TempDir dir_;
   const std::string log_ = dir_.path("ALL.TXT");
+  ScriptedHistory history_{dir_};
+  std::vector<std::string> told_by_history_;  // of the log's spots
   SpotData data_;
   double now_ = 1'741'947'330;
   int serial_ = 0;
