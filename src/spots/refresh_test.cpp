@@ -10,6 +10,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -416,6 +417,39 @@ TEST_F(Refresh, LargeLogIsBegunTenMinutesBeforeTheRetention) {
   EXPECT_EQ(data.spots.size(), 89'101u);
 }
 
+// Lines dated far ahead look like lines of the day to the search: it may begin too early for them,
+// never too late.
+TEST_F(Refresh, LargeLogWithLinesOfTheYear2099ShowsItsWholeDay) {
+  constexpr double kFarAhead = 4'090'000'000;
+  const std::string log = longLog(4 << 20, 2, kNow);  // of 34 hours
+  const std::size_t line = heard("N0AAA").size();
+  std::string ahead;
+  while (ahead.size() < 300'000) ahead += decodeLine(kFarAhead, "CQ N0FAR FN42");
+  for (const double share : {0.0, 0.1, 0.25, 0.3, 0.5, 0.75, 0.9, 1.0}) {
+    const auto lines_before =
+        static_cast<std::size_t>(share * static_cast<double>(log.size() / line));
+    const std::size_t place = lines_before * line;
+    writeLog(log.substr(0, place) + ahead + log.substr(place) + ahead);
+    SpotData station;
+    station.all_txt_path = data.all_txt_path;
+    const double begin = kNow - launcher::kRetention;
+    const auto day = plainSpots(data.all_txt_path, begin, kNow);
+    ASSERT_EQ(day.size(), 89'100 / 2 + 1u);
+
+    refreshSpots(station, kNow, 0);
+    EXPECT_EQ(spotsHeld(station, begin, kNow), day) << share;
+    EXPECT_EQ(station.spots.size(), day.size()) << share;
+    EXPECT_THAT(lastHeard(station), UnorderedElementsAre(Key("N0AAA"))) << share;
+
+    // The computer's clock follows the decoder's and is put right again.
+    refreshSpots(station, kFarAhead, 0);
+    EXPECT_THAT(lastHeard(station), UnorderedElementsAre(Key("N0FAR"))) << share;
+    refreshSpots(station, kNow, 0);
+    EXPECT_EQ(spotsHeld(station, begin, kNow), day) << share;
+    EXPECT_EQ(station.spots.size(), day.size()) << share;
+  }
+}
+
 TEST_F(Refresh, LargeLogIsSearchedOnceAndThenFollowed) {
   writeLog(longLog(2 << 20, 10, kNow - 1000));
   refresh();
@@ -790,6 +824,16 @@ TEST_F(Refresh, WhicheverAllocationFailsEveryLineCountsOnce) {
 
 // What it costs.
 
+#ifndef __has_feature  // Clang's way to tell; GCC has the macros
+#define __has_feature(feature) 0
+#endif
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || \
+    __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+constexpr bool kMemoryIsOurs = false;
+#else
+constexpr bool kMemoryIsOurs = true;
+#endif
+
 TEST_F(Refresh, LinesOfKnownCallsignsAndChannelsTakeNoMemoryOfTheirOwn) {
   dir.write("cty.dat", kCountries);
   const auto lines = [](double time) {
@@ -840,6 +884,48 @@ TEST_F(Refresh, ThirtyDaysOfNewCallsignsAndOddFrequenciesAreHeldAsOneDay) {
   EXPECT_EQ(heardSince(data, 0), kDay);
 }
 
+// Bytes taken from the allocator and not given back; less what SQLite has, which writes here, too.
+std::size_t bytesInUse() {
+  return mallinfo2().uordblks - static_cast<std::size_t>(sqlite3_memory_used());
+}
+
+TEST_F(Refresh, ThirtyDaysOfOddHistoryFrequenciesAreHeldAsOneDay) {
+  constexpr std::size_t kRows = 20;  // an hour, each of a frequency that was not heard before
+  constexpr std::size_t kDay = kRows * (89'100 / 3600 + 1);
+  HistoryFile history = makeHistory(kNow - 1e6);
+  history.exec("CREATE INDEX by_minute ON minutes(minute,receiver)");
+  std::int64_t serial = 0;
+  std::size_t early = 0;
+  for (int hour = 0; hour < 30 * 24; ++hour) {
+    const double now = kNow + 3600 * hour;
+    history.exec("BEGIN");
+    for (std::size_t i = 0; i < kRows; ++i) {
+      // Off-plan, a band of its own each, and on 20 m, a source of its own each.
+      const std::int64_t base = i % 2 == 0 ? 13'000'000 : 14'000'000;
+      history.add({.receiver = "RX" + std::to_string(serial),
+                   .frequency = base + serial % 350'000,
+                   .minute = static_cast<std::int64_t>(now / 60) - 2,
+                   .mask = 1});
+      ++serial;
+    }
+    history.exec("COMMIT");
+    refresh(now);
+    ASSERT_TRUE(data.history_in_use);
+    ASSERT_LE(data.intervals.size(), kDay) << hour;
+    ASSERT_LE(data.intervals.bandEnd(), kDay + kRows) << hour;  // read before it is pruned
+    ASSERT_LE(data.rates.size(), kDay / 2 + 1) << hour;
+    ASSERT_LE(data.rates.at("20m").by_source.size(), kDay / 2) << hour;
+    ASSERT_LE(ratesHeld(data, -kEver).size(), kDay) << hour;
+    if (hour == 3 * 24) early = bytesInUse();
+  }
+  EXPECT_EQ(data.intervals.size(), kDay);
+  EXPECT_EQ(ratesHeld(data, -kEver).size(), kDay);
+  printf("%zu %zu\n", early, bytesInUse());  // TMP
+  if (kMemoryIsOurs) {
+    EXPECT_LT(bytesInUse(), early + early / 10);
+  }
+}
+
 TEST_F(Refresh, StoppedRefreshConsumesNothingAndLosesNothing) {
   writeLog(heard("N0AAA"));
   std::stop_source stop;
@@ -852,16 +938,6 @@ TEST_F(Refresh, StoppedRefreshConsumesNothingAndLosesNothing) {
 }
 
 // Logs of no sensible size.
-
-#ifndef __has_feature  // Clang's way to tell; GCC has the macros
-#define __has_feature(feature) 0
-#endif
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || \
-    __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr bool kMemoryIsOurs = false;
-#else
-constexpr bool kMemoryIsOurs = true;
-#endif
 
 // The most memory this process has had resident since it started, bytes.
 long peakMemory() {
