@@ -43,10 +43,15 @@ void removeAt(HeardCallsigns::Band& band, std::uint32_t place) noexcept {
   band.last_heard.pop_back();
 }
 
-void prune(HeardCallsigns::Band& band, double cutoff) noexcept {
-  for (auto place = static_cast<std::uint32_t>(band.callsigns.size()); place-- > 0;) {
-    if (band.last_heard[place] < cutoff) removeAt(band, place);
+// Removes the places of which goes(band, place) is true, and the bands that are empty then.
+template <typename Bands, typename Goes>
+void removeIf(Bands& bands, Goes&& goes) noexcept {
+  for (auto& [id, band] : bands) {
+    for (auto place = static_cast<std::uint32_t>(band.callsigns.size()); place-- > 0;) {
+      if (goes(band, place)) removeAt(band, place);
+    }
   }
+  std::erase_if(bands, [](const auto& band) { return band.second.callsigns.empty(); });
 }
 
 }  // namespace
@@ -97,14 +102,35 @@ std::uint64_t HeardCallsigns::countSince(std::string_view band, double since) co
 // A callsign is on no band later than it was seen, so its number is free for another one when it
 // goes.
 void HeardCallsigns::pruneBefore(double cutoff) noexcept {
-  for (auto& [id, band] : bands_) prune(band, cutoff);
-  std::erase_if(bands_, [](const auto& band) { return band.second.callsigns.empty(); });
+  removeIf(bands_, [cutoff](const Band& band, std::uint32_t place) {
+    return band.last_heard[place] < cutoff;
+  });
   for (std::uint32_t number = 0; number < known_.size(); ++number) {
     if (last_heard_[number] < cutoff) last_heard_[number] = kNever;
-    if (!(known_[number].last_seen < cutoff)) continue;
-    known_[number] = {};
-    names_.release(number);
+    if (known_[number].last_seen < cutoff) forget(number);
   }
+}
+
+void HeardCallsigns::forgetAfter(double time) noexcept {
+  removeIf(bands_, [this, time](const Band& band, std::uint32_t place) {
+    return last_heard_[band.callsigns[place]] > time;
+  });
+  for (std::uint32_t number = 0; number < known_.size(); ++number) {
+    double& last_seen = known_[number].last_seen;
+    if (!(last_seen > time)) continue;
+    if (last_heard_[number] <= time) {
+      last_seen = last_heard_[number];
+    } else {
+      forget(number);
+    }
+  }
+}
+
+// On no band any more.
+void HeardCallsigns::forget(std::uint32_t number) noexcept {
+  last_heard_[number] = kNever;
+  known_[number] = {};
+  names_.release(number);
 }
 
 }  // namespace spotserver

@@ -65,6 +65,9 @@ class HeardCallsigns {
   // Removes what was last heard before the cutoff, remembered verdicts included, and bands left
   // without a callsign. Throws nothing. Cost: one look at every time.
   void pruneBefore(double cutoff) noexcept;
+  // Forgets the callsigns last heard after `time`, on every band, for a clock that was ahead.
+  // Throws nothing. Cost: as pruneBefore.
+  void forgetAfter(double time) noexcept;
   void clear() { *this = {}; }
 
   // Callsigns remembered, whether they count or not, and bands: for those who watch memory.
@@ -100,6 +103,7 @@ class HeardCallsigns {
 
   std::uint32_t remember(std::string_view callsign, double time);
   void recordNumber(std::uint32_t number, Band& band, double time);
+  void forget(std::uint32_t number) noexcept;
 
   Interned<TextTraits> names_;      // a callsign's id is its number; each is held once
   std::vector<double> last_heard_;  // by number; kNever where it did not count or is free

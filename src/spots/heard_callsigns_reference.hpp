@@ -49,6 +49,13 @@ class PlainHeard {
     for (auto& [band, heard] : by_band_) std::erase_if(heard, is_old);
     std::erase_if(by_band_, [](const auto& band) { return band.second.empty(); });
   }
+  void forgetAfter(double time) {
+    const LastHeard before = all_;
+    const auto is_ahead = [&](const auto& entry) { return before.at(entry.first) > time; };
+    for (auto& [band, heard] : by_band_) std::erase_if(heard, is_ahead);
+    std::erase_if(by_band_, [](const auto& band) { return band.second.empty(); });
+    std::erase_if(all_, is_ahead);
+  }
   std::uint64_t countSince(double since) const { return count(all_, since); }
   std::uint64_t countSince(const std::string& band, double since) const {
     const auto found = by_band_.find(band);
@@ -111,6 +118,12 @@ class HeardScript {
         data_.countries = file_ == 0 ? cty::Database() : countries(file_);
         data_.heard.forgetVerdicts();
         return "another country file";
+      case 5: {
+        const double time = now_ - static_cast<double>(script_.below(256)) * 300;
+        data_.heard.forgetAfter(time);
+        plain_.forgetAfter(time);
+        return "clock was ahead";
+      }
       default:
         return hear();
     }

@@ -41,6 +41,30 @@ TEST(HeardCallsigns, PrunedCallsignsAreCountedAtNoTimeWhatever) {
   EXPECT_EQ(heard.remembered(), 1u);
 }
 
+TEST(HeardCallsigns, WhatWasLastHeardAfterATimeIsForgottenOnEveryBand) {
+  HeardCallsigns heard;
+  heard.record("N0CALL", heard.band("20m"), 100);
+  heard.record("DL1ABC", heard.band("20m"), 100);
+  heard.record("DL1ABC", heard.band("40m"), 101);
+  heard.recordIf([] { return false; }, "QQ0QQ", heard.band("20m"), 101);
+  heard.forgetAfter(100);
+  EXPECT_EQ(heard.countSince(0), 1u);
+  EXPECT_EQ(heard.countSince("20m", 0), 1u);
+  EXPECT_EQ(heard.countSince("40m", 0), 0u);
+  EXPECT_EQ(heard.bands(), 1u);
+  EXPECT_EQ(heard.remembered(), 1u);
+}
+
+TEST(HeardCallsigns, OneThatCountedInTimeAndWasSeenAfterItStays) {
+  HeardCallsigns heard;
+  heard.record("N0CALL", heard.band("20m"), 100);
+  heard.recordIf([] { return false; }, "N0CALL", heard.band("20m"), 200);
+  heard.forgetAfter(100);
+  EXPECT_EQ(heard.countSince(100), 1u);
+  heard.pruneBefore(101);  // it is remembered no longer for having been seen
+  EXPECT_EQ(heard.remembered(), 0u);
+}
+
 TEST(HeardCallsigns, VerdictIsAskedOnceUntilItIsForgotten) {
   HeardCallsigns heard;
   int asked = 0;

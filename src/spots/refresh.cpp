@@ -34,14 +34,16 @@ void quietly(Step&& step) noexcept {
   }
 }
 
-// As if neither source had ever been read. Callsigns stay until they age out.
-void forgetSources(SpotData& data) {
+// As if neither source had ever been read. Callsigns stay until they age out; those that never
+// would, because they were heard further ahead than a line may be, go.
+void forgetSources(SpotData& data, double now) {
   data.log = {};
   data.left_out_from = std::numeric_limits<double>::infinity();
   data.spots.clear();
   data.intervals.clear();
   data.rates.clear();
   data.history_read_to = 0;
+  data.heard.forgetAfter(now + kRetention);
 }
 
 void refreshCountries(SpotData& data) {
@@ -156,7 +158,7 @@ void refreshSpots(SpotData& data, double now, double min_interval,
   const bool clock_was_set = now < data.last_refresh - kClockStep;
   if (!clock_was_set && now - data.last_refresh < min_interval) return;
   data.last_refresh = now;
-  if (clock_was_set) forgetSources(data);
+  if (clock_was_set) forgetSources(data, now);
   refreshCountries(data);
   quietly([&] { refreshHistory(data, now, stop); });
   const bool log_moved = refreshLog(data, now, stop);

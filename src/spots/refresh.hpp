@@ -24,7 +24,8 @@ namespace spotserver {
 // again or the clock was set, and by one for a history read.
 //
 // The clock. When `now` lies more than 600 s before the last refresh, the clock was wrong: spots,
-// intervals and rates are emptied and both sources read anew at once. A smaller step back waits
+// intervals and rates are emptied, callsigns heard more than kRetention ahead of `now` forgotten,
+// and both sources read anew at once. A smaller step back waits
 // until the time comes round. A log line dated more than kRetention ahead is left out, its sender
 // too; when the clock gets there the log is read anew.
 //

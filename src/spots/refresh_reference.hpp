@@ -322,6 +322,9 @@ class RefreshScript {
 
   std::string compareCallsigns(const SpotData& fresh) const {
     const LastHeard held = lastHeard(data_);
+    for (const auto& [callsign, time] : held) {
+      if (time > now_ + launcher::kRetention) return "callsign of the future: " + callsign;
+    }
     for (const auto& [callsign, time] : lastHeard(fresh)) {
       if (time > now_) continue;  // its line was perhaps too far ahead when it was read
       const auto heard = held.find(callsign);

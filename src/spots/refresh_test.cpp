@@ -635,6 +635,32 @@ TEST_F(Refresh, ClockThatWasYearsAheadCostsNothingOfTheDay) {
   EXPECT_THAT(lastHeard(data), UnorderedElementsAre(Key("N0AAA"), Key("N0BBB")));
 }
 
+// Computer and decoder have one clock: what was heard while it was wrong has its dates, which never
+// grow old.
+TEST_F(Refresh, CallsignsHeardWhileTheClockWasYearsAheadLeaveWhenItIsSet) {
+  constexpr double kAhead = 2e9;
+  writeLog(heard("N0OLD", 3600) + heard("N0BOTH", 3600) + heard("N0WRONG", -kAhead + 10) +
+           heard("N0BOTH", -kAhead + 10));
+  refresh(kNow + kAhead);
+  EXPECT_THAT(lastHeard(data), UnorderedElementsAre(Key("N0WRONG"), Key("N0BOTH")));
+  refresh(kNow);
+  EXPECT_THAT(lastHeard(data),
+              UnorderedElementsAre(Pair("N0OLD", kNow - 3600), Pair("N0BOTH", kNow - 3600)));
+  EXPECT_THAT(lastHeardByBand(data).at("20m"), SizeIs(2));
+  EXPECT_EQ(data.heard.remembered(), 2u);
+}
+
+// An hour ahead is what a decoder may be anyway.
+TEST_F(Refresh, CallsignsHeardWhileTheClockWasAnHourAheadStayUntilTheyAgeOut) {
+  writeLog(heard("N0AHEAD", -3600));
+  refresh(kNow + 3610);
+  writeLog(heard("N0AAA"));
+  refresh(kNow);
+  EXPECT_THAT(lastHeard(data), UnorderedElementsAre(Key("N0AAA"), Key("N0AHEAD")));
+  refresh(kNow + 3600 + 89'101);
+  EXPECT_THAT(lastHeard(data), IsEmpty());
+}
+
 TEST_F(Refresh, ClockThatWasYearsBehindCostsNothingOfTheDay) {
   writeLog(heard("N0AAA", 80'000) + heard("N0BBB"));
   refresh(kNow - 1e9);
