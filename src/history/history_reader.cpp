@@ -75,6 +75,17 @@ class Patience {
   throw std::runtime_error(sqlite3_errmsg(database));
 }
 
+// Whether SQLite can open the journal that an unfinished write leaves. It lies beside the file
+// itself where `path` is a link.
+bool journalIsSound(const std::string& path) {
+  std::error_code ignored;
+  auto journal = std::filesystem::canonical(path, ignored);
+  journal += "-journal";
+  const auto type = std::filesystem::status(journal, ignored).type();
+  return type == std::filesystem::file_type::not_found ||
+         type == std::filesystem::file_type::regular;
+}
+
 Connection open(const std::string& path) {
   sqlite3* handle = nullptr;
   const int result =
@@ -255,7 +266,9 @@ HistorySlots readHistorySlots(const std::string& path, double from, double to, s
   const auto type = std::filesystem::status(path, ignored).type();
   if (type == std::filesystem::file_type::not_found) return {};
   // SQLite would block in opening a FIFO.
-  if (type != std::filesystem::file_type::regular) throw std::runtime_error("Cannot open history");
+  if (type != std::filesystem::file_type::regular || !journalIsSound(path)) {
+    throw std::runtime_error("Cannot open history");
+  }
   if (stop.stop_requested()) throw std::runtime_error("interrupted");
 
   Patience patience(std::move(stop), limits);  // outlives the connection that asks it
