@@ -848,6 +848,75 @@ TEST_F(Refresh, WhicheverAllocationFailsEveryLineCountsOnce) {
   }
 }
 
+// Fails when `held` is not what a fresh start at `now` comes to.
+void expectTheDay(const SpotData& held, double now) {
+  SpotData fresh;
+  fresh.all_txt_path = held.all_txt_path;
+  fresh.history_path = held.history_path;
+  refreshSpots(fresh, now, 0);
+  ASSERT_EQ(held.history_in_use, fresh.history_in_use);
+  ASSERT_EQ(spotsHeld(held, -kEver, kEver), spotsHeld(fresh, -kEver, kEver));
+  if (fresh.history_in_use) {
+    ASSERT_EQ(intervalsHeld(held, -kEver), intervalsHeld(fresh, -kEver));
+    ASSERT_EQ(ratesHeld(held, -kEver), ratesHeld(fresh, -kEver));
+  }
+  auto known = lastHeard(held);
+  for (const auto& [callsign, time] : lastHeard(fresh)) ASSERT_EQ(known[callsign], time);
+}
+
+// Memory fails in the refresh after the files have changed; the next one makes up for it.
+TEST_F(Refresh, WhicheverAllocationFailsTheNextRefreshMakesTheDayWhole) {
+  constexpr double kLater = kNow + 60;
+  const struct {
+    const char* name;
+    std::function<void(HistoryFile&)> act;
+    double now;
+  } changes[] = {
+      {"history and log grew",
+       [&](HistoryFile& history) {
+         for (int i = 0; i < 5; ++i) {
+           const auto minute = static_cast<std::int64_t>(kNow / 60) - 1;
+           history.add({.frequency = 13'000'000 + i, .minute = minute});
+         }
+         appendLog(heard("N0NEW"));
+       },
+       kLater},
+      {"another log", [&](HistoryFile&) { writeLog(heard("N0OTHER") + heard("N0NEW")); }, kLater},
+      {"clock set back", [](HistoryFile&) {}, kNow - 700},
+      {"history gone, another log",
+       [&](HistoryFile&) {
+         std::filesystem::remove(data.history_path);
+         writeLog(heard("N0OTHER") + heard("N0NEW"));
+       },
+       kLater},
+  };
+  for (const auto& change : changes) {
+    for (const bool once : {false, true}) {
+      bool failed = true;
+      for (long n = 0; failed; ++n) {
+        SCOPED_TRACE(change.name + std::string(once ? " once " : " from ") + std::to_string(n));
+        std::filesystem::remove(dir.path("history.sqlite3"));
+        HistoryFile history = makeHistory(kNow - 7200);
+        writeLog(heard("N0AAA", 3000) + heard("N0BBB", 2000));
+        SpotData broken;
+        broken.all_txt_path = data.all_txt_path;
+        broken.history_path = data.history_path;
+        refreshSpots(broken, kNow, 0);
+        ASSERT_TRUE(broken.history_in_use);
+        change.act(history);
+        {
+          const FailingMemory memory(n, once);
+          refreshSpots(broken, change.now, 0);
+          failed = memory.failed();
+        }
+        refreshSpots(broken, change.now, 0);
+        expectTheDay(broken, change.now);
+        if (HasFatalFailure()) return;
+      }
+    }
+  }
+}
+
 // What it costs.
 
 #ifndef __has_feature  // Clang's way to tell; GCC has the macros
