@@ -22,9 +22,8 @@ namespace launcher {
 namespace {
 
 constexpr double kUnfinishedTolerance = 1.0;  // seconds an interval may end after now
-constexpr double kShortestMargin = 15;        // seconds
 constexpr double kShortestStaleness = 75;     // seconds
-constexpr double kStalenessSlack = 15;        // seconds beyond the band's longest interval
+constexpr double kSlack = 15;                 // seconds beyond the band's longest interval
 constexpr double kForever = std::numeric_limits<double>::infinity();
 constexpr double kNever = -kForever;
 
@@ -114,7 +113,8 @@ double windowOf(const BandRateEntry& band, int smoothing_minutes) {
   return std::max(band.max_length, 60.0 * smoothing_minutes);
 }
 
-double marginOf(const BandRateEntry& band) { return std::max(band.max_length, kShortestMargin); }
+// With slack, so that it does not matter how an end was rounded.
+double marginOf(const BandRateEntry& band) { return band.max_length + kSlack; }
 
 // What lies in one window.
 struct WindowSum {
@@ -138,7 +138,7 @@ WindowSum sumWindow(const BandRateEntry& band, double after, double t) {
 
 std::optional<double> rateOf(const BandRateEntry& band, double window, const WindowSum& sum,
                              double t) {
-  const double staleness = std::max(band.max_length + kStalenessSlack, kShortestStaleness);
+  const double staleness = std::max(band.max_length + kSlack, kShortestStaleness);
   if (sum.latest_end == kNever || sum.latest_end < t - staleness) return std::nullopt;
   const double effective = std::min(t - band.first_start, window);
   if (effective <= 0) return std::nullopt;
