@@ -45,8 +45,7 @@ void appendEscaped(std::string& out, char c) {
 // is a multiplication and a shift of whole numbers: exact, and a tenth of the cost of a formatter.
 constexpr int kMantissaBits = 52;
 constexpr int kMostDecimals = 3;
-constexpr std::uint64_t kScales[kMostDecimals + 1] = {1, 10, 100,
-                                                      1000};  // 2^53 times the largest fits 63 bits
+constexpr std::uint64_t kScales[] = {1, 10, 100, 1000};  // 2^53 times the largest fits 63 bits
 
 // |value| * 10^precision rounded to a whole number, a tie to the even one, as printf does it.
 // Empty from 2^52 on.
