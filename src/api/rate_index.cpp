@@ -410,7 +410,7 @@ void CurveSweep::finish() {
 std::vector<RatePoint> CurveSweep::curve(std::string_view band_id) const {
   std::vector<RatePoint> points = points_;
   const auto found = bands_.find(band_id);
-  if (found == bands_.end()) return points;
+  if (found == bands_.end() || found->second->changes.empty()) return points;
   const Band& band = *found->second;
   drawChanges(band.facts, band.window, band.changes, points);
   return points;

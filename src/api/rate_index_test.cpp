@@ -589,6 +589,13 @@ TEST(CurveSweep, ASourceWhoseFirstIntervalIsRefusedIsLeftOut) {
   EXPECT_EQ(sweep.curve("40m").back().rate, 1440);
 }
 
+TEST(CurveSweep, ASourceWithoutIntervalsHasNoRates) {
+  CurveSweep sweep(3, 1, kNow);
+  sweep.addSource("20m", 15, kNow - 30);
+  sweep.finish();
+  for (const RatePoint& point : sweep.curve("20m")) EXPECT_EQ(point.rate, std::nullopt);
+}
+
 TEST(CurveSweep, RefusesTheViewsThatASeriesRefuses) {
   EXPECT_THROW(CurveSweep(3, 2, kNow), std::invalid_argument);
   EXPECT_THROW(CurveSweep(0, 24, kNow), std::invalid_argument);
