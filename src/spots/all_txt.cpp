@@ -288,8 +288,7 @@ unsigned twoDigits(std::string_view text, std::size_t at) {
 }
 
 // Days from the first of January to the first of each month, in a year without a leap day.
-constexpr std::array<int, 13> kDaysBefore = {0,   31,  59,  90,  120, 151, 181,
-                                             212, 243, 273, 304, 334, 365};
+constexpr std::array kDaysBefore = {0, 31, 59, 90, 120, 151, 181, 212, 243, 273, 304, 334, 365};
 constexpr int kDaysBefore2000 = 10'957;  // from 1970
 
 // Every fourth of the years 2000 to 2099 is a leap year.

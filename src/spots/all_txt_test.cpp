@@ -314,6 +314,8 @@ TEST(AllTxtLine, SpotBelowOneHertzHasNoSender) {
     ASSERT_TRUE(record) << c.frequency;
     EXPECT_EQ(record->callsign, c.callsign) << c.frequency;
   }
+  EXPECT_EQ(parseAlike("250314_101530 0.001 Rx FT8 -12 0.2 -999 CQ N0CALL")->callsign, "N0CALL");
+  EXPECT_EQ(parseAlike("250314_101530 0.001 Rx FT8 -12 0.2 -1000 CQ N0CALL")->callsign, "");
 }
 
 TEST(AllTxtLine, EveryFieldIsNeeded) {
