@@ -64,10 +64,9 @@ class UsualLine {
   std::optional<Fields> read() {
     Fields fields;
     std::int32_t snr = 0;
-    double time_offset = 0;
     const bool usual = (repeatsHead(fields) || readHead(fields)) && skipGap() &&  //
                        readInteger(snr) && skipGap() &&                           //
-                       readDecimal(time_offset) && skipGap() &&                   //
+                       skipDecimal() && skipGap() &&                              //
                        readInteger(fields.audio_offset);
     if (!usual) return std::nullopt;
     fields.rest = {at_, end_};
@@ -157,11 +156,10 @@ class UsualLine {
     return true;
   }
 
-  bool readDecimal(double& value) {
-    const bool negative = take('-');
-    if (!readUnsigned(value)) return false;
-    if (negative) value = -value;
-    return true;
+  bool skipDecimal() {
+    take('-');
+    double value = 0;
+    return readUnsigned(value);
   }
 
   [[gnu::always_inline]] bool readInteger(std::int32_t& value) {
