@@ -42,7 +42,7 @@ void cutLargestRequest(ConnectionSlots slots, const ConnectionLimits& limits) {
 
 void enter(ConnectionSlot& slot, Phase phase, Time now) {
   slot.phase = phase;
-  slot.since = now;
+  if (phase != Phase::kBody) slot.since = now;
   slot.writing_since.reset();
   if (phase == Phase::kIdle) slot.received = 0;
 }
@@ -52,6 +52,7 @@ std::optional<Time> deadlineOf(const ConnectionSlot& slot, const ConnectionLimit
     case Phase::kHandshake:
       return slot.since + limits.handshake;
     case Phase::kReading:
+    case Phase::kBody:
       return slot.since + limits.request;
     case Phase::kServing:
       if (slot.writing_since) return *slot.writing_since + limits.write;
@@ -105,9 +106,8 @@ void noteReceived(ConnectionSlots slots, ConnectionSlot& slot, const ConnectionL
 }
 
 std::size_t inFlight(ConnectionSlots slots) {
-  return static_cast<std::size_t>(std::count_if(slots.begin(), slots.end(), [](const auto* slot) {
-    return slot->phase == Phase::kReading || slot->phase == Phase::kServing;
-  }));
+  return static_cast<std::size_t>(std::count_if(
+      slots.begin(), slots.end(), [](const auto* slot) { return slot->phase >= Phase::kReading; }));
 }
 
 }  // namespace spotserver

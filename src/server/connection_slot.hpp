@@ -2,7 +2,7 @@
 // connections have to go when something runs short. Values and free functions; Connections holds
 // the slots and the lock around them.
 //
-//   free -> handshake -> idle -> reading -> serving -> idle -> ... -> free
+//   free -> handshake -> idle -> reading (-> body) -> serving -> idle -> ... -> free
 #pragma once
 
 #include <chrono>
@@ -20,7 +20,7 @@ struct ConnectionLimits {
   std::size_t workers = 64;
   std::size_t connections = 1000;          // accepted at a time; further ones wait to be accepted
   Duration handshake{10'000};              // the whole TLS handshake
-  Duration request{30'000};                // first byte to complete request head
+  Duration request{30'000};                // first byte to complete request, with its body
   Duration write{30'000};                  // without taking a byte of the answer
   Duration idle{1'000};                    // idle for so long, it may have to give way to others
   std::size_t request_bytes = 256 * 1024;  // received before the request head is complete
@@ -34,7 +34,7 @@ struct ConnectionLimits {
 };
 
 // In the order in which a connection goes through them.
-enum class Phase { kFree, kHandshake, kIdle, kReading, kServing };
+enum class Phase { kFree, kHandshake, kIdle, kReading, kBody, kServing };
 
 // What one worker's connection is doing.
 struct ConnectionSlot {
@@ -42,14 +42,14 @@ struct ConnectionSlot {
   Phase phase = Phase::kFree;
   Time since{};                       // when this phase began
   std::optional<Time> writing_since;  // when the write under way last moved
-  std::size_t received = 0;           // bytes of the request that is read or served
+  std::size_t received = 0;           // bytes of the request, as far as they came with its head
   int fd = -1;                        // -1 before TLS has the socket and after it let go
   SSL* ssl = nullptr;                 // the library's
   bool close_after_answer = false;
   bool cut = false;
 };
 
-// Begins a phase.
+// Begins a phase. Head and body of a request have one time together: kBody keeps `since`.
 void enter(ConnectionSlot& slot, Phase phase, ConnectionSlot::Time now);
 
 // When the slot's connection will have overstayed; empty: it may stay. An idle connection may stay

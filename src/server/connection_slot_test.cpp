@@ -45,6 +45,12 @@ TEST(ConnectionDeadline, EachPhaseHasItsOwn) {
   EXPECT_EQ(deadlineOf(slotIn(Phase::kFree), limits), std::nullopt);
 }
 
+TEST(ConnectionDeadline, HeadAndBodyHaveOneTogether) {
+  auto slot = slotIn(Phase::kReading);
+  enter(slot, Phase::kBody, kStart + 20s);
+  EXPECT_EQ(deadlineOf(slot, {}), kStart + 30s);
+}
+
 TEST(ConnectionDeadline, AnIdleConnectionIsTheLibrarysAffair) {
   EXPECT_EQ(deadlineOf(slotIn(Phase::kIdle), ConnectionLimits{}), std::nullopt);
 }
@@ -69,11 +75,11 @@ TEST(ConnectionDeadline, WhoHasOverstayedIsCut) {
 
 TEST(StoppingService, RequestsInFlightAreCutLast) {
   Row row({slotIn(Phase::kFree), slotIn(Phase::kHandshake), slotIn(Phase::kIdle),
-           slotIn(Phase::kReading), slotIn(Phase::kServing)});
+           slotIn(Phase::kReading), slotIn(Phase::kBody), slotIn(Phase::kServing)});
   cutAll(row.pointers, Phase::kIdle);
   EXPECT_THAT(row.cut(), ElementsAre(1, 2));
   cutAll(row.pointers, Phase::kServing);
-  EXPECT_THAT(row.cut(), ElementsAre(1, 2, 3, 4));
+  EXPECT_THAT(row.cut(), ElementsAre(1, 2, 3, 4, 5));
 }
 
 TEST(RoomForOthers, TheOneIdleLongestGivesWay) {
@@ -116,8 +122,8 @@ TEST(RequestSize, ARequestBeginsWithItsFirstByteAndHasItsBound) {
   EXPECT_TRUE(slot.cut);
 }
 
-TEST(RequestSize, WhatComesInAHandshakeOrBesideAnAnswerIsNoRequest) {
-  Row row({slotIn(Phase::kHandshake), slotIn(Phase::kServing)});
+TEST(RequestSize, WhatComesInAHandshakeOrBesideAnAnswerIsNoRequestHead) {
+  Row row({slotIn(Phase::kHandshake), slotIn(Phase::kBody), slotIn(Phase::kServing)});
   for (auto& slot : row.slots) {
     noteReceived(row.pointers, slot, {}, kStart, 1 << 20);
     EXPECT_EQ(slot.received, 0u);
@@ -160,8 +166,8 @@ TEST(RequestSize, DeepBeginsBeyondTheLimit) {
 
 TEST(InFlight, FromTheFirstByteToTheAnswer) {
   Row row({slotIn(Phase::kFree), slotIn(Phase::kHandshake), slotIn(Phase::kIdle),
-           slotIn(Phase::kReading), slotIn(Phase::kServing)});
-  EXPECT_EQ(inFlight(row.pointers), 2u);
+           slotIn(Phase::kReading), slotIn(Phase::kBody), slotIn(Phase::kServing)});
+  EXPECT_EQ(inFlight(row.pointers), 3u);
 }
 
 }  // namespace

@@ -378,10 +378,19 @@ void Connections::releaseAcceptLoop() noexcept { core_->accepting = false; }
 
 bool Connections::abandoned() const { return core_->abandoned; }
 
+void Connections::headComplete() {
+  if (!Core::current) return;
+  auto& worker = *Core::current;
+  MutexLock lock(worker.core->mutex);
+  worker.core->parsed(worker.slot);
+  enter(worker.slot, Phase::kBody, Clock::now());
+}
+
 void Connections::requestComplete() {
   if (!Core::current) return;
   auto& worker = *Core::current;
   MutexLock lock(worker.core->mutex);
+  if (worker.slot.phase == Phase::kServing) return;
   worker.core->parsed(worker.slot);
   enter(worker.slot, Phase::kServing, Clock::now());
 }

@@ -6,9 +6,10 @@
 // (server/connection_slot) says what its connection is doing.
 //
 // The transitions come from where the facts are: TLS and socket callbacks see the handshake and
-// every byte, the request gate sees a complete request head, the library's logger a written
-// answer. One watcher thread cuts a connection that has overstayed: it shuts the socket down but
-// never closes it, so the worker finds the connection at its end and leaves by the ordinary path.
+// every byte, the request gate sees a complete request head, the post-routing handler a complete
+// request, the library's logger a written answer. One watcher thread cuts a connection that has
+// overstayed: it shuts the socket down but never closes it, so the worker finds the connection at
+// its end and leaves by the ordinary path.
 #pragma once
 
 #include <cstddef>
@@ -59,7 +60,9 @@ class Connections {
 
   // The rest is for the worker thread that serves the request, and without effect elsewhere.
 
-  // The request head is complete.
+  // The request head is complete, its body is still to be read.
+  static void headComplete();
+  // The request is complete. Nothing changes when it was before.
   static void requestComplete();
   // Close the connection once the answer is written, whatever the peer still sends.
   static void closeAfterAnswer();

@@ -42,6 +42,7 @@ using namespace std::chrono_literals;
 
 TEST(Connections, CallsFromOtherThreadsHaveNoEffect) {
   Connections connections{ConnectionLimits{}};
+  Connections::headComplete();
   Connections::requestComplete();
   Connections::closeAfterAnswer();
   Connections::answered();

@@ -85,8 +85,12 @@ using Verdict = httplib::Server::HandlerResponse;
 
 // The one gate in front of routing.
 Verdict passGate(const httplib::Request& request, httplib::Response& response) {
-  Connections::requestComplete();
   const auto verdict = judgeBody(request);
+  if (verdict == BodyVerdict::kRead) {
+    Connections::headComplete();
+    return Verdict::Unhandled;
+  }
+  Connections::requestComplete();
   if (verdict != BodyVerdict::kRoute) Connections::closeAfterAnswer();
   if (verdict != BodyVerdict::kRefuse) return Verdict::Unhandled;
   response.status = 404;  // the error handler adds the body
@@ -212,6 +216,7 @@ HttpService::HttpService(const ServerSettings& settings, SpotStore& store, const
     return response.status;
   });
   server_->set_post_routing_handler([](const auto&, auto& response) {
+    Connections::requestComplete();
     finishJson(response);
     announceClose(response);
   });

@@ -53,7 +53,7 @@ BodyVerdict judgeBody(const httplib::Request& request) {
   if (request.method == "DELETE" && !has_length && !has_coding) return BodyVerdict::kRoute;
   const auto length = announcedLength(request);
   const bool small = length && *length <= kMaxBody;
-  return small && isPlain(request) ? BodyVerdict::kRoute : BodyVerdict::kRefuse;
+  return small && isPlain(request) ? BodyVerdict::kRead : BodyVerdict::kRefuse;
 }
 
 }  // namespace spotserver

@@ -107,17 +107,55 @@ TEST(Connections, ARequestThatTricklesIsCut) {
   EXPECT_LT(Clock::now() - begin, kLongBeforeTheLibrary);
 }
 
-TEST(Connections, SendingNowAndThenDoesNotProlongARequest) {
+// A small plain body of that size, which the library reads.
+std::string headOfBody(std::size_t size) {
+  return e2e::requestText(
+      "POST", e2e::kHealthPath,
+      {{"Content-Length", std::to_string(size)}, {"Content-Type", "text/plain"}});
+}
+
+TEST(Connections, ABodyThatTricklesIsCut) {
   Service service(smallLimits());
-  TlsClient peer(service.port());
+  std::deque<TlsClient> trickling;
   const auto begin = Clock::now();
-  EXPECT_THROW(
-      for (;;) {
-        peer.send("x");
-        std::this_thread::sleep_for(20ms);
-      },
-      std::runtime_error);
-  EXPECT_LT(Clock::now() - begin, 10 * smallLimits().request);
+  for (std::size_t i = 0; i < kWorkers; ++i) {
+    trickling.emplace_back(service.port()).send(headOfBody(65'536));
+  }
+  EXPECT_EQ(service.health(), 200);
+  for (auto& peer : trickling) peer.awaitClose();
+  EXPECT_LT(Clock::now() - begin, kLongBeforeTheLibrary);
+}
+
+TEST(Connections, SendingNowAndThenDoesNotProlongARequest) {
+  for (const std::string& head : {std::string("GET /"), headOfBody(65'536)}) {
+    SCOPED_TRACE(head);
+    Service service(smallLimits());
+    TlsClient peer(service.port());
+    const auto begin = Clock::now();
+    const auto end = begin + 10 * smallLimits().request;
+    peer.send(head);
+    EXPECT_THROW(
+        while (Clock::now() < end) {
+          peer.send("x");
+          std::this_thread::sleep_for(20ms);
+        },
+        std::runtime_error);
+  }
+}
+
+// What bounds a head is less than a body may have.
+TEST(Connections, ABodyIsNoPartOfItsHead) {
+  auto limits = smallLimits();
+  limits.request = 20s;
+  limits.request_bytes = 4096;
+  limits.all_request_bytes = 4096;
+  Service service(limits);
+  TlsClient peer(service.port());
+  for (int i = 0; i < 2; ++i) {
+    peer.send(headOfBody(65'536));
+    peer.send(std::string(65'536, 'b'));
+    EXPECT_EQ(peer.receive().status, 404);
+  }
 }
 
 TEST(Connections, AnEndlessRequestLineIsCutAtItsLimit) {
@@ -212,6 +250,21 @@ TEST(Stopping, NoClientHoldsTheServiceUp) {
   const auto begin = Clock::now();
   EXPECT_TRUE(service.stop());
   EXPECT_LT(Clock::now() - begin, 3s);
+}
+
+TEST(Stopping, ABodyUnderWayMayStillComeToItsEnd) {
+  auto limits = smallLimits();
+  limits.request = 20s;
+  Service service(limits);
+  TlsClient phone(service.port());
+  phone.send(headOfBody(2));
+  phone.send("a");
+  awaitThat([&] { return service.inFlight() == 1; });
+  auto stopped = std::async(std::launch::async, [&service] { return service.stop(); });
+  EXPECT_EQ(stopped.wait_for(100ms), std::future_status::timeout);
+  phone.send("b");
+  EXPECT_EQ(phone.receive().status, 404);
+  EXPECT_TRUE(stopped.get());
 }
 
 TEST(Stopping, ARequestInFlightStillGetsItsAnswer) {
