@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <limits>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -54,6 +55,18 @@ BodyVerdict judgeBody(const httplib::Request& request) {
   const auto length = announcedLength(request);
   const bool small = length && *length <= kMaxBody;
   return small && isPlain(request) ? BodyVerdict::kRead : BodyVerdict::kRefuse;
+}
+
+bool areModest(const httplib::Ranges& ranges) {
+  if (ranges.size() <= 2) return true;
+  if (ranges.size() > kMaxRanges) return false;
+  constexpr auto kOpen = std::numeric_limits<ssize_t>::max();
+  ssize_t end = -1;                           // of the ranges so far
+  for (const auto& [first, last] : ranges) {  // -1: not given
+    if (end == kOpen || (first >= 0 && first <= end)) return false;
+    end = first < 0 || last < 0 ? kOpen : last;
+  }
+  return true;
 }
 
 }  // namespace spotserver

@@ -1,6 +1,8 @@
-// What to do with a request's body before the library reads a byte of it. No endpoint takes one.
+// What a request asks of the library beyond its head: to read a body, which no endpoint takes, and
+// to cut ranges out of the answer.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include <httplib.h>
@@ -23,5 +25,15 @@ enum class BodyVerdict {
 //   POST, Transfer-Encoding or Content-Encoding  kRefuse
 //   GET, Content-Length 10                       kRouteThenClose
 BodyVerdict judgeBody(const httplib::Request& request);
+
+// Most ranges that are served of one document.
+inline constexpr std::size_t kMaxRanges = 16;
+
+// Whether the ranges together are at most twice the document, whatever its size: one or two of any
+// kind, or up to kMaxRanges in ascending order and apart. The library would make a part of each,
+// four thousand times the whole document for 8 KB of header. Pure.
+//   bytes=-500   bytes=10-,0-9   bytes=0-0,5-9,20-     true
+//   bytes=-,-,-  bytes=0-9,5-9,7-9                     false
+bool areModest(const httplib::Ranges& ranges);
 
 }  // namespace spotserver

@@ -77,5 +77,32 @@ TEST(RequestGate, AnUnreadBodyNeverPassesForTheNextRequest) {
   }
 }
 
+TEST(RequestGate, OneOrTwoRangesMayBeAnything) {
+  for (const httplib::Ranges& ranges :
+       {httplib::Ranges{}, {{0, 9}}, {{-1, -1}}, {{-1, -1}, {-1, -1}}, {{5, 9}, {0, 7}}}) {
+    EXPECT_TRUE(areModest(ranges)) << ranges.size();
+  }
+}
+
+TEST(RequestGate, MoreRangesMustBeInOrderAndApart) {
+  EXPECT_TRUE(areModest({{0, 0}, {1, 1}, {5, 9}}));
+  EXPECT_TRUE(areModest({{0, 0}, {1, 1}, {5, -1}}));
+  EXPECT_TRUE(areModest({{0, 0}, {1, 1}, {-1, 5}}));
+  EXPECT_FALSE(areModest({{0, 0}, {1, 5}, {5, 9}}));
+  EXPECT_FALSE(areModest({{5, 9}, {0, 0}, {1, 1}}));
+  EXPECT_FALSE(areModest({{0, 0}, {5, -1}, {7, 9}}));
+  EXPECT_FALSE(areModest({{0, 0}, {5, -1}, {-1, 9}}));
+  EXPECT_FALSE(areModest({{-1, 1}, {5, 6}, {7, 9}}));
+  EXPECT_FALSE(areModest({{-1, -1}, {-1, -1}, {-1, -1}}));
+}
+
+TEST(RequestGate, RangesHaveTheirNumber) {
+  httplib::Ranges ranges;
+  while (ranges.size() < kMaxRanges) ranges.emplace_back(2 * ranges.size(), 2 * ranges.size());
+  EXPECT_TRUE(areModest(ranges));
+  ranges.emplace_back(1000, 1000);
+  EXPECT_FALSE(areModest(ranges));
+}
+
 }  // namespace
 }  // namespace spotserver

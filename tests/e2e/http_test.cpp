@@ -174,6 +174,39 @@ TEST(Http, RangesAreTheLibrarysAffair) {
   EXPECT_EQ(activity.body, "\"generated\"");
 }
 
+TEST(Http, AFewRangesComeAsParts) {
+  const Station station;
+  ServerProcess server = station.serve();
+  for (const char* range : {"bytes=0-0,2-3", "bytes=2-3,0-0", "bytes=0-9,5-", "bytes=-,-",
+                            "bytes=0-1,4-5,8-9,12-13,-5"}) {
+    const Response answer = station.get(kHealthPath, {{"Range", range}});
+    EXPECT_EQ(answer.status, 206) << range;
+    EXPECT_TRUE(answer.header("Content-Type").starts_with("multipart/byteranges")) << range;
+  }
+}
+
+TEST(Http, RangesThatAreMoreThanTheDocumentGetTheDocument) {
+  const Station station;
+  ServerProcess server = station.serve();
+  std::string wholes = "bytes=-";
+  std::string apart = "bytes=0-0";
+  for (int n = 1; n < 200; ++n) {
+    wholes += ",-";
+    apart += "," + std::to_string(2 * n) + "-" + std::to_string(2 * n);
+  }
+  for (const std::string& range : {wholes, apart, std::string("bytes=0-,0-,0-")}) {
+    SCOPED_TRACE(range.substr(0, 20));
+    const Response health = station.get(kHealthPath, {{"Range", range}});
+    EXPECT_EQ(health.status_line, "HTTP/1.1 200 OK");
+    EXPECT_EQ(health.header("Content-Type"), "application/json");
+    EXPECT_TRUE(health.body.starts_with("{\"service\":") && health.body.ends_with("\"}"));
+    EXPECT_EQ(station.get("/nothing", {{"Range", range}}).body, "{\"error\":\"not found\"}");
+    Headers headers = bearer(kToken);
+    headers.push_back({"Range", range});
+    EXPECT_EQ(station.get(kActivityPath, headers).status, 200);
+  }
+}
+
 TEST(Http, AbsurdRangesHarmNobody) {
   const Station station;
   ServerProcess server = station.serve();

@@ -112,11 +112,18 @@ void endless(Report& report) {
   }
 }
 
+// As many of them as the library takes in a header.
+std::string manyRanges(const std::string& range) {
+  std::string many = "bytes=" + range;
+  while (many.size() < 8100) many += "," + range;
+  return many;
+}
+
 // Header values as long as the library takes them, matched there by a recursive expression.
 std::vector<std::pair<const char*, std::string>> longRanges() {
-  std::string many = "bytes=0-0";
-  while (many.size() < 8100) many += ",0-0";
-  return {{"one long range", "bytes=" + std::string(8100, '1') + "-"}, {"2000 ranges", many}};
+  return {{"one long range", "bytes=" + std::string(8100, '1') + "-"},
+          {"2000 ranges", manyRanges("0-0")},
+          {"4000 whole documents", manyRanges("-")}};
 }
 
 void ranges(Report& report) {
@@ -141,6 +148,23 @@ void ranges(Report& report) {
     report.atMost(kMemoryLimit, std::string(name) + ", 64 at once: memory",
                   mebibytes(peakMemory(server.pid()) - before), "MiB");
   }
+}
+
+void untaken(Report& report) {
+  const Station station;
+  const ServerProcess server = station.serve();
+  timesOfHealth(station.port(), 200);
+  const auto before = peakMemory(server.pid());
+  const std::string request =
+      e2e::requestText("GET", e2e::kHealthPath, {{"Range", manyRanges("-")}});
+  std::deque<TlsClient> clients;
+  for (std::size_t i = 0; i < kWorkers; ++i) clients.emplace_back(station.port());
+  for (int n = 0; n < 8; ++n) {
+    for (auto& client : clients) client.send(request);
+  }
+  for (auto& client : clients) client.peek(12);
+  report.atMost(kMemoryLimit, "4000 whole documents, 8 times 64 untaken: memory",
+                mebibytes(peakMemory(server.pid()) - before), "MiB");
 }
 
 void backlog(Report& report) {
@@ -175,6 +199,7 @@ std::vector<Subject> connectionSubjects() {
           {"bodies", "request bodies that cost memory", bodies},
           {"endless", "request lines and headers without an end", endless},
           {"ranges", "Range headers of 8 KiB", ranges},
+          {"untaken", "Range headers of 8 KiB whose answers nobody takes", untaken},
           {"backlog", "300 connects at once", backlog}};
 }
 

@@ -1,4 +1,5 @@
 // What strangers without a token can make the server hold in memory.
+#include <deque>
 #include <future>
 
 #include <gtest/gtest.h>
@@ -98,6 +99,21 @@ TEST_F(Memory, LongRangesOnAllWorkers) {
     }
   });
   expectFlat("long ranges");
+}
+
+// Each asks for the document four thousand times in one request, more than once, and takes nothing:
+// what the sockets cannot hold stays with the server.
+TEST_F(Memory, ManyRangesForAllWorkersAndNobodyTakesThem) {
+  std::string wholes = "bytes=-";
+  while (wholes.size() < 8000) wholes += ",-";
+  const std::string request = e2e::requestText("GET", e2e::kHealthPath, {{"Range", wholes}});
+  std::deque<TlsClient> clients;
+  for (std::size_t i = 0; i < kWorkers; ++i) clients.emplace_back(port());
+  for (int n = 0; n < 8; ++n) {
+    for (auto& client : clients) client.send(request);
+  }
+  for (auto& client : clients) client.peek(12);  // all are being answered
+  expectFlat("many ranges");
 }
 
 }  // namespace
