@@ -41,8 +41,9 @@ void cutLargestRequest(ConnectionSlots slots, const ConnectionLimits& limits) {
 }  // namespace
 
 void enter(ConnectionSlot& slot, Phase phase, Time now) {
+  const bool goes_on = slot.phase == Phase::kReading && phase == Phase::kBody;
+  if (!goes_on) slot.since = now;
   slot.phase = phase;
-  if (phase != Phase::kBody) slot.since = now;
   slot.writing_since.reset();
   if (phase == Phase::kIdle) slot.received = 0;
 }

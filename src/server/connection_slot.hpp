@@ -49,7 +49,7 @@ struct ConnectionSlot {
   bool cut = false;
 };
 
-// Begins a phase. Head and body of a request have one time together: kBody keeps `since`.
+// Begins a phase. Head and body of a request have one time together: kBody goes on from kReading.
 void enter(ConnectionSlot& slot, Phase phase, ConnectionSlot::Time now);
 
 // When the slot's connection will have overstayed; empty: it may stay. An idle connection may stay

@@ -318,6 +318,19 @@ struct Connections::Core {
     return result;
   }
 
+  // On the slot's own worker.
+  void finish(ConnectionSlot& slot) SPOT_NO_THREAD_SAFETY_ANALYSIS {
+    std::unique_lock lock(mutex.native());
+    if (slot.close_after_answer && !slot.cut) {  // who was cut is told nothing more
+      lock.unlock();
+      linger(slot.fd, slot.ssl, limits.linger);
+      lock.lock();
+      cut(slot);
+    }
+    parsed(slot);
+    enter(slot, Phase::kIdle, Clock::now());
+  }
+
   // --- deep requests ---
 
   // The library may need half a kilobyte of stack for every byte of a header. Requests large
@@ -386,6 +399,13 @@ void Connections::headComplete() {
   enter(worker.slot, Phase::kBody, Clock::now());
 }
 
+bool Connections::isReadingHead() {
+  if (!Core::current) return false;
+  auto& worker = *Core::current;
+  MutexLock lock(worker.core->mutex);
+  return worker.slot.phase < Phase::kBody;  // a request in line with another came with it
+}
+
 void Connections::requestComplete() {
   if (!Core::current) return;
   auto& worker = *Core::current;
@@ -412,12 +432,7 @@ bool Connections::closesAfterAnswer() {
 void Connections::answered() {
   if (!Core::current) return;
   auto& worker = *Core::current;
-  const bool closing = closesAfterAnswer();
-  if (closing) linger(worker.slot.fd, worker.slot.ssl, worker.core->limits.linger);
-  MutexLock lock(worker.core->mutex);
-  worker.core->parsed(worker.slot);
-  enter(worker.slot, Phase::kIdle, Clock::now());
-  if (closing) cut(worker.slot);
+  worker.core->finish(worker.slot);
 }
 
 }  // namespace spotserver

@@ -62,6 +62,8 @@ class Connections {
 
   // The request head is complete, its body is still to be read.
   static void headComplete();
+  // Whether neither that nor requestComplete() was said of the request under way.
+  static bool isReadingHead();
   // The request is complete. Nothing changes when it was before.
   static void requestComplete();
   // Close the connection once the answer is written, whatever the peer still sends.

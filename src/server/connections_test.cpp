@@ -47,6 +47,7 @@ TEST(Connections, CallsFromOtherThreadsHaveNoEffect) {
   Connections::closeAfterAnswer();
   Connections::answered();
   EXPECT_FALSE(Connections::closesAfterAnswer());
+  EXPECT_FALSE(Connections::isReadingHead());
   EXPECT_FALSE(connections.abandoned());
 }
 

@@ -105,6 +105,13 @@ Verdict passGate(const httplib::Request& request, httplib::Response& response) {
   return Verdict::Handled;
 }
 
+// The library answers by itself, past the gate, what it does not understand. Only behind a bad
+// Range header the request is known to its end; of any other the rest may follow.
+void closeUnlessUnderstood(const httplib::Request& request, const httplib::Response& response) {
+  const bool understood = response.status == 416 && judgeBody(request) == BodyVerdict::kRoute;
+  if (!understood) Connections::closeAfterAnswer();
+}
+
 void announceClose(httplib::Response& response) {
   if (!Connections::closesAfterAnswer()) return;
   response.headers.erase("Keep-Alive");
@@ -223,7 +230,8 @@ HttpService::HttpService(const ServerSettings& settings, SpotStore& store, const
     passGate(request, response);
     return response.status;
   });
-  server_->set_post_routing_handler([](const auto&, auto& response) {
+  server_->set_post_routing_handler([](const auto& request, auto& response) {
+    if (Connections::isReadingHead()) closeUnlessUnderstood(request, response);
     Connections::requestComplete();
     finishJson(response);
     announceClose(response);

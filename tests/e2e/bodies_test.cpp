@@ -132,6 +132,57 @@ TEST(Bodies, BodyOfAGetIsNeverTakenForARequest) {
   client.awaitClose();
 }
 
+// The library answers these by itself, before it has looked at any body.
+TEST(Bodies, BodyOfARequestThatIsNotRoutedIsNeverTakenForARequest) {
+  const Station station;
+  ServerProcess server = station.serve();
+  const std::string smuggled = requestText("GET", kHealthPath);
+  const std::string size = std::to_string(smuggled.size());
+  const Headers bodies[] = {{{"Content-Length", size}, {"Content-Type", "text/plain"}},
+                            {{"Transfer-Encoding", "chunked"}}};
+  for (const char* method : {"GET", "POST"}) {
+    for (Headers headers : bodies) {
+      SCOPED_TRACE(std::string(method) + " " + headers[0].first);
+      headers.push_back({"Range", "nonsense"});
+      TlsClient client(station.port());
+      client.send(requestText(method, kHealthPath, headers) + smuggled);
+      const Response answer = client.receive();
+      EXPECT_EQ(answer.status, 416);
+      EXPECT_EQ(answer.header("Connection"), "close");
+      client.awaitClose();
+    }
+  }
+}
+
+TEST(Bodies, RestOfAHeadThatIsNotUnderstoodIsNeverTakenForARequest) {
+  const Station station;
+  ServerProcess server = station.serve();
+  const struct {
+    std::string head;
+    int status;
+  } cases[] = {{"GET /\r\n", 400},
+               {"NONSENSE / HTTP/1.1\r\n\r\n", 400},
+               {"GET / HTTP/1.1\r\nX: " + std::string(8200, 'x') + "\r\n\r\n", 400},
+               {"GET /" + std::string(8200, 'u') + " HTTP/1.1\r\n\r\n", 414}};
+  for (const auto& [head, status] : cases) {
+    SCOPED_TRACE(head.substr(0, 20));
+    TlsClient client(station.port());
+    client.send(head + requestText("GET", kHealthPath));
+    const Response answer = client.receive();
+    EXPECT_EQ(answer.status, status);
+    EXPECT_EQ(answer.header("Connection"), "close");
+    client.awaitClose();
+  }
+}
+
+TEST(Bodies, ARangeThatIsNotUnderstoodKeepsItsConnection) {
+  const Station station;
+  ServerProcess server = station.serve();
+  TlsClient client(station.port());
+  EXPECT_EQ(client.request("GET", kHealthPath, {{"Range", "nonsense"}}).status, 416);
+  EXPECT_EQ(client.request("GET", kHealthPath).status, 200);
+}
+
 TEST(Bodies, GetThatAnnouncesAnEmptyOneKeepsItsConnection) {
   const Station station;
   ServerProcess server = station.serve();
