@@ -45,7 +45,9 @@ void enter(ConnectionSlot& slot, Phase phase, Time now) {
   if (!goes_on) slot.since = now;
   slot.phase = phase;
   slot.writing_since.reset();
-  if (phase == Phase::kIdle) slot.received = 0;
+  if (phase != Phase::kIdle) return;
+  slot.received = 0;
+  slot.turns = 0;
 }
 
 std::optional<Time> deadlineOf(const ConnectionSlot& slot, const ConnectionLimits& limits) {

@@ -45,6 +45,8 @@ struct ConnectionSlot {
   std::size_t received = 0;           // bytes of the request, as far as they came with its head
   int fd = -1;                        // -1 before TLS has the socket and after it let go
   SSL* ssl = nullptr;                 // the library's
+  unsigned turns = 0;                 // that the request has had, see server/parsing_turn
+  bool awaits_turn = false;
   bool close_after_answer = false;
   bool cut = false;
 };

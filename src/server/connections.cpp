@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <memory>
 #include <system_error>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -13,6 +14,7 @@
 
 #include "server/linger.hpp"
 #include "server/mutex.hpp"
+#include "server/parsing_turn.hpp"
 #include "server/stack_thread.hpp"
 #include "server/waiting_line.hpp"
 #include "server/worker_memory.hpp"
@@ -72,8 +74,7 @@ struct Connections::Core {
   bool watcher_sleeps SPOT_GUARDED_BY(mutex) = false;  // until there is a connection
   bool stopping SPOT_GUARDED_BY(mutex) = false;
   bool released SPOT_GUARDED_BY(mutex) = false;
-  const ConnectionSlot* parsing SPOT_GUARDED_BY(mutex) = nullptr;  // the deep request
-  Time turn_end SPOT_GUARDED_BY(mutex){};
+  ParsingTurn turn SPOT_GUARDED_BY(mutex);
   pthread_t watcher{};
   bool has_watcher = false;
   std::atomic<bool> abandoned = false;
@@ -318,6 +319,15 @@ struct Connections::Core {
     return result;
   }
 
+  // On a worker: what the work returns for its slot. Elsewhere nothing, or false.
+  template <typename Work>
+  static auto onOwnSlot(Work work) {
+    using Result = std::invoke_result_t<Work, Core&, ConnectionSlot&>;
+    if (!current) return Result();
+    MutexLock lock(current->core->mutex);
+    return work(*current->core, current->slot);
+  }
+
   // On the slot's own worker.
   void finish(ConnectionSlot& slot) SPOT_NO_THREAD_SAFETY_ANALYSIS {
     std::unique_lock lock(mutex.native());
@@ -338,12 +348,16 @@ struct Connections::Core {
 
   // Before the bytes just read go to the library. A turn ends by itself when the library does not
   // parse but waits for more.
-  void takeTurn(const ConnectionSlot& slot) SPOT_NO_THREAD_SAFETY_ANALYSIS {
+  void takeTurn(ConnectionSlot& slot) SPOT_NO_THREAD_SAFETY_ANALYSIS {
     std::unique_lock lock(mutex.native());
     if (slot.phase != Phase::kReading || !isDeep(slot, limits)) return;
-    while (!slot.cut && parsing && Clock::now() < turn_end) next.wait_until(lock, turn_end);
-    parsing = &slot;
-    turn_end = Clock::now() + limits.turn;
+    slot.awaits_turn = true;
+    auto now = Clock::now();
+    for (; !slot.cut && !isNext(turn, slots, slot, now); now = Clock::now()) {
+      next.wait_until(lock, nextLook(turn, limits, now));
+    }
+    slot.awaits_turn = false;
+    if (!slot.cut) take(turn, slot, limits, now);
   }
 
   // On the slot's own worker, with nothing of the library's parser left on its stack.
@@ -354,9 +368,9 @@ struct Connections::Core {
   }
 
   void endTurn(const ConnectionSlot& slot) SPOT_REQUIRES(mutex) {
-    if (parsing != &slot) return;
-    parsing = nullptr;
-    next.notify_one();
+    if (turn.holder != &slot) return;
+    turn.holder = nullptr;
+    next.notify_all();
   }
 };
 
@@ -392,47 +406,35 @@ void Connections::releaseAcceptLoop() noexcept { core_->accepting = false; }
 bool Connections::abandoned() const { return core_->abandoned; }
 
 void Connections::headComplete() {
-  if (!Core::current) return;
-  auto& worker = *Core::current;
-  MutexLock lock(worker.core->mutex);
-  worker.core->parsed(worker.slot);
-  enter(worker.slot, Phase::kBody, Clock::now());
+  Core::onOwnSlot([](Core& core, ConnectionSlot& slot) SPOT_NO_THREAD_SAFETY_ANALYSIS {
+    core.parsed(slot);
+    enter(slot, Phase::kBody, Clock::now());
+  });
 }
 
 bool Connections::isReadingHead() {
-  if (!Core::current) return false;
-  auto& worker = *Core::current;
-  MutexLock lock(worker.core->mutex);
-  return worker.slot.phase < Phase::kBody;  // a request in line with another came with it
+  // Of requests that came in one piece the second has its head read while the slot is idle.
+  return Core::onOwnSlot([](Core&, const auto& slot) { return slot.phase < Phase::kBody; });
 }
 
 void Connections::requestComplete() {
-  if (!Core::current) return;
-  auto& worker = *Core::current;
-  MutexLock lock(worker.core->mutex);
-  if (worker.slot.phase == Phase::kServing) return;
-  worker.core->parsed(worker.slot);
-  enter(worker.slot, Phase::kServing, Clock::now());
+  Core::onOwnSlot([](Core& core, ConnectionSlot& slot) SPOT_NO_THREAD_SAFETY_ANALYSIS {
+    if (slot.phase == Phase::kServing) return;
+    core.parsed(slot);
+    enter(slot, Phase::kServing, Clock::now());
+  });
 }
 
 void Connections::closeAfterAnswer() {
-  if (!Core::current) return;
-  auto& worker = *Core::current;
-  MutexLock lock(worker.core->mutex);
-  worker.slot.close_after_answer = true;
+  Core::onOwnSlot([](Core&, auto& slot) { slot.close_after_answer = true; });
 }
 
 bool Connections::closesAfterAnswer() {
-  if (!Core::current) return false;
-  auto& worker = *Core::current;
-  MutexLock lock(worker.core->mutex);
-  return worker.slot.close_after_answer;
+  return Core::onOwnSlot([](Core&, const auto& slot) { return slot.close_after_answer; });
 }
 
 void Connections::answered() {
-  if (!Core::current) return;
-  auto& worker = *Core::current;
-  worker.core->finish(worker.slot);
+  if (Core::current) Core::current->core->finish(Core::current->slot);
 }
 
 }  // namespace spotserver

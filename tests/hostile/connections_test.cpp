@@ -6,6 +6,7 @@
 
 #include "e2e/activity_model.hpp"
 #include "e2e/station.hpp"
+#include "hostile/hostile_clients.hpp"
 #include "hostile/service_fixture.hpp"
 
 namespace spotserver::hostile {
@@ -217,6 +218,34 @@ TEST(Connections, LargeRequestsThatTrickleDoNotHoldUpAnother) {
     peer.send("\r\n");
     EXPECT_EQ(peer.receive().status, 200);
   }
+}
+
+// Every byte of theirs takes a whole turn, and there is always one of them in line.
+TEST(Connections, LargeRequestsThatNeverStopTricklingDoNotStarveAnother) {
+  auto limits = smallLimits();
+  limits.workers = 16;
+  limits.request = 60s;
+  limits.turn = 200ms;
+  Service service(limits);
+  const e2e::Headers large = {{"X-Large", std::string(2 * limits.deep_request_bytes, 'l')}};
+  const std::string head = e2e::requestText("GET", e2e::kHealthPath, large);
+  std::deque<TlsClient> trickling;
+  for (std::size_t i = 0; i + 1 < limits.workers; ++i) {
+    trickling.emplace_back(service.port()).send(head.substr(0, head.size() - 4));
+  }
+  const std::jthread trickle([&](const std::stop_token& stop) {
+    for (; !stop.stop_requested(); std::this_thread::sleep_for(2 * limits.turn)) {
+      for (auto& peer : trickling) peer.send("l");
+    }
+  });
+  std::vector<Milliseconds> times;
+  for (int i = 0; i < 5; ++i) {
+    const auto begin = Clock::now();
+    EXPECT_EQ(TlsClient(service.port()).request("GET", e2e::kHealthPath, large).status, 200);
+    times.push_back(Clock::now() - begin);
+  }
+  // The first may have to wait until each of the others has had one.
+  EXPECT_LT(quantile(times, 0.5), 4 * limits.turn);
 }
 
 TEST(Connections, AnAbsurdRangeIsAnsweredAndTheServerGoesOn) {

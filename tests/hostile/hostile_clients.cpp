@@ -106,6 +106,16 @@ HarmfulBody withLength(std::string name, e2e::Headers headers, std::string body)
   return post(std::move(name), std::move(headers), std::move(body));
 }
 
+// What a trickling peer sends at once.
+std::string beginOf(Crowd::Kind kind) {
+  if (kind == Crowd::Kind::kBody) {
+    return e2e::requestText("POST", e2e::kHealthPath,
+                            {{"Content-Length", "65536"}, {"Content-Type", "text/plain"}});
+  }
+  const std::string head = "GET /api/v1/health HTTP/1.1\r\nX: ";
+  return kind == Crowd::Kind::kDeep ? head + std::string(1000, 'x') : head;
+}
+
 }  // namespace
 
 Crowd::Crowd(Kind kind, int port, std::size_t peers) {
@@ -118,10 +128,10 @@ Crowd::Crowd(Kind kind, int port, std::size_t peers) {
     if (kind == Kind::kIdle) {
       client.request("GET", e2e::kHealthPath);
     } else {
-      client.send("GET /api/v1/health HTTP/1.1\r\nX: ");
+      client.send(beginOf(kind));
     }
   }
-  if (kind == Kind::kTrickling) {
+  if (kind != Kind::kSilent && kind != Kind::kIdle) {
     trickle_ = std::jthread([this](const std::stop_token& stop) { trickle(stop, clients_); });
   }
 }
@@ -134,6 +144,10 @@ const char* nameOf(Crowd::Kind kind) {
       return "idle";
     case Crowd::Kind::kTrickling:
       return "trickling";
+    case Crowd::Kind::kDeep:
+      return "trickling deep";
+    case Crowd::Kind::kBody:
+      return "trickling body";
   }
   return "";
 }
@@ -169,9 +183,9 @@ e2e::Response send(const HarmfulBody& request, int port) {
   return client.receive();
 }
 
-Milliseconds timeOfHealth(int port) {
+Milliseconds timeOfHealth(int port, const e2e::Headers& headers) {
   const auto begin = e2e::Clock::now();
-  const int status = TlsClient(port).request("GET", e2e::kHealthPath).status;
+  const int status = TlsClient(port).request("GET", e2e::kHealthPath, headers).status;
   if (status != 200) throw std::runtime_error("health answered " + std::to_string(status));
   return e2e::Clock::now() - begin;
 }

@@ -21,6 +21,8 @@ class Crowd {
     kSilent,     // connected, no handshake
     kIdle,       // one request answered, then kept open
     kTrickling,  // in a request, one byte of a header every five seconds
+    kDeep,       // the same in a request of a kilobyte, which must wait for its turn
+    kBody,       // the same in a body
   };
   Crowd(Kind kind, int port, std::size_t peers);
 
@@ -51,7 +53,7 @@ e2e::Response send(const HarmfulBody& request, int port);
 
 // How long a GET of the health path takes on a connection of its own, handshake included. Throws
 // when the answer is not a 200.
-Milliseconds timeOfHealth(int port);
+Milliseconds timeOfHealth(int port, const e2e::Headers& headers = {});
 
 // The value that `share` of the samples do not exceed, e.g. 0.99. There is at least one sample.
 Milliseconds quantile(std::vector<Milliseconds> samples, double share);
