@@ -11,14 +11,21 @@ using Time = ConnectionSlot::Time;
 
 bool isFreeSoon(const ConnectionSlot* slot) { return slot->phase == Phase::kFree || slot->cut; }
 
-// None: nobody has been idle for long enough.
-ConnectionSlot* longestIdle(ConnectionSlots slots, const ConnectionLimits& limits, Time now) {
-  ConnectionSlot* longest = nullptr;
+bool isIdle(const ConnectionSlot& slot) { return slot.phase == Phase::kIdle; }
+
+bool isWriting(const ConnectionSlot& slot) {
+  return slot.phase == Phase::kServing && slot.writing_since;
+}
+
+// Of those that are as asked. None: nobody has been so for `least`.
+ConnectionSlot* longest(ConnectionSlots slots, bool (*is)(const ConnectionSlot&),
+                        ConnectionLimits::Duration least, Time now) {
+  ConnectionSlot* found = nullptr;
   for (ConnectionSlot* slot : slots) {
-    if (slot->phase != Phase::kIdle || slot->cut || now - slot->since < limits.idle) continue;
-    if (!longest || slot->since < longest->since) longest = slot;
+    if (!is(*slot) || slot->cut || now - slot->since < least) continue;
+    if (!found || slot->since < found->since) found = slot;
   }
-  return longest;
+  return found;
 }
 
 std::size_t shareOf(const ConnectionLimits& limits) {
@@ -93,9 +100,10 @@ void makeRoom(ConnectionSlots slots, const ConnectionLimits& limits, Time now,
               std::size_t waiting) {
   auto room = static_cast<std::size_t>(std::count_if(slots.begin(), slots.end(), isFreeSoon));
   for (; room < waiting; ++room) {
-    ConnectionSlot* longest = longestIdle(slots, limits, now);
-    if (!longest) return;
-    cut(*longest);
+    ConnectionSlot* leaving = longest(slots, isIdle, limits.idle, now);
+    if (!leaving) leaving = longest(slots, isWriting, limits.write, now);
+    if (!leaving) return;
+    cut(*leaving);
   }
 }
 

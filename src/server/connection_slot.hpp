@@ -18,11 +18,11 @@ namespace spotserver {
 struct ConnectionLimits {
   using Duration = std::chrono::milliseconds;
   std::size_t workers = 64;
-  std::size_t connections = 1000;          // accepted at a time; further ones wait to be accepted
-  Duration handshake{10'000};              // the whole TLS handshake
-  Duration request{30'000};                // first byte to complete request, with its body
-  Duration write{30'000};                  // without taking a byte of the answer
-  Duration idle{1'000};                    // idle for so long, it may have to give way to others
+  std::size_t connections = 1000;  // accepted at a time; further ones wait to be accepted
+  Duration handshake{10'000};      // the whole TLS handshake
+  Duration request{30'000};        // first byte to complete request, with its body
+  Duration write{30'000};          // without taking a byte; for all of the answer, if others wait
+  Duration idle{1'000};            // idle for so long, it may have to give way to others
   std::size_t request_bytes = 256 * 1024;  // received before the request head is complete
   // Of all requests together, before the largest is cut. A header of five bytes takes a hundred.
   std::size_t all_request_bytes = 640 * 1024;
@@ -78,7 +78,8 @@ void cutAll(ConnectionSlots slots, Phase last);
 
 // When `waiting` connections are more than there are workers free or about to be, cuts those that
 // have been idle longest. A connection between handshake and first request is idle too: limits.idle
-// gives it the time to ask.
+// gives it the time to ask. When nobody is idle, the answers go that are longest under way and have
+// not been taken within limits.write.
 void makeRoom(ConnectionSlots slots, const ConnectionLimits& limits, ConnectionSlot::Time now,
               std::size_t waiting);
 

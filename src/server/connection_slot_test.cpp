@@ -104,6 +104,18 @@ TEST(RoomForOthers, OnlyIdleConnectionsGiveWayAndNotAtOnce) {
   EXPECT_THAT(row.cut(), ElementsAre(3));
 }
 
+TEST(RoomForOthers, WhenNobodyIsIdleTheLongestAnswerGivesWay) {
+  Row row({slotIn(Phase::kServing, kStart + 1s), slotIn(Phase::kServing), slotIn(Phase::kServing),
+           slotIn(Phase::kIdle, kStart + 28s)});
+  row.slots[0].writing_since = row.slots[1].writing_since = kStart + 29s;  // 2 still computes
+  makeRoom(row.pointers, {}, kStart + 29'999ms, 2);
+  EXPECT_THAT(row.cut(), ElementsAre(3));
+  makeRoom(row.pointers, {}, kStart + 30s, 2);
+  EXPECT_THAT(row.cut(), ElementsAre(1, 3));
+  makeRoom(row.pointers, {}, kStart + 100s, 4);
+  EXPECT_THAT(row.cut(), ElementsAre(0, 1, 3));
+}
+
 TEST(RoomForOthers, AFreeWorkerIsRoom) {
   Row row({slotIn(Phase::kFree), slotIn(Phase::kIdle)});
   makeRoom(row.pointers, {}, kStart + 5s, 1);

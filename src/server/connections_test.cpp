@@ -2,13 +2,20 @@
 
 #include <atomic>
 #include <cerrno>
+#include <filesystem>
 #include <future>
+#include <memory>
+#include <new>
 #include <stdexcept>
 #include <system_error>
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+
+#include "server/owned.hpp"
 
 namespace {
 
@@ -98,6 +105,44 @@ TEST_F(ConnectionQueue, AJobThatThrowsLeavesItsWorkerAtWork) {
   }
   connections.stop();
   EXPECT_EQ(ran, 10);
+}
+
+std::ptrdiff_t openDescriptors() {
+  const std::filesystem::directory_iterator all("/proc/self/fd");
+  return std::distance(begin(all), end(all));
+}
+
+// Stands for the library, which has accepted a connection and throws while it reads.
+TEST_F(ConnectionQueue, AJobThatThrowsLeavesNoConnectionOpen) {
+  struct Free {
+    void operator()(SSL_CTX* context) const { SSL_CTX_free(context); }
+  };
+  const std::unique_ptr<SSL_CTX, Free> context(SSL_CTX_new(TLS_server_method()));
+  Connections connections{smallLimits()};
+  connections.watch(context.get());
+  connections.start();
+  const auto before = openDescriptors();
+  int ends[2];
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+  {
+    const Fd peer(ends[0]);
+    ASSERT_GT(::send(peer.get(), "no TLS", 6, 0), 0);
+    connections.queue()->enqueue([&context, socket = ends[1]] {
+      SSL* ssl = SSL_new(context.get());
+      SSL_set_fd(ssl, socket);
+      SSL_accept(ssl);
+      throw std::bad_alloc();
+    });
+    timeval patience{10, 0};
+    ::setsockopt(peer.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    char alert[64];
+    ssize_t got = 0;
+    while ((got = ::recv(peer.get(), alert, sizeof alert, 0)) > 0) {
+    }
+    EXPECT_TRUE(got == 0 || errno == ECONNRESET) << "still open";
+  }
+  connections.stop();
+  EXPECT_EQ(openDescriptors(), before);
 }
 
 TEST_F(ConnectionQueue, WithoutAnyWorkerItDoesNotStart) {

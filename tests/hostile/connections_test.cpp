@@ -54,11 +54,37 @@ void awaitEnd(const Fd& socket) {
 // The library gives up a peer as well, after thirty seconds without a byte.
 constexpr auto kLongBeforeTheLibrary = 15s;
 
+// What is not cut within a test.
+ConnectionLimits patientLimits() {
+  auto limits = smallLimits();
+  limits.handshake = 60s;
+  limits.request = 60s;
+  return limits;
+}
+
 TEST(Connections, AllWorkersButOneMayBeHeldBySilentPeers) {
-  Service service(smallLimits());
+  Service service(patientLimits());
   std::deque<Fd> silent;
   for (std::size_t i = 0; i + 1 < kWorkers; ++i) silent.push_back(e2e::connectTcp(service.port()));
-  EXPECT_EQ(service.health(), 200);
+  for (int i = 0; i < 10; ++i) EXPECT_EQ(service.health(), 200);
+  for (const Fd& peer : silent) {
+    char byte;
+    EXPECT_EQ(::recv(peer.get(), &byte, 1, MSG_DONTWAIT), -1) << "still connected";
+  }
+}
+
+TEST(Connections, AllWorkersButOneMayBeHeldByTricklingPeers) {
+  Service service(patientLimits());
+  const std::string request = e2e::requestText("GET", e2e::kHealthPath);
+  std::deque<TlsClient> trickling;
+  for (std::size_t i = 0; i + 1 < kWorkers; ++i) {
+    trickling.emplace_back(service.port()).send(request.substr(0, 5));
+  }
+  for (int i = 0; i < 10; ++i) EXPECT_EQ(service.health(), 200);
+  for (auto& peer : trickling) {
+    peer.send(request.substr(5));
+    EXPECT_EQ(peer.receive().status, 200) << "still connected";
+  }
 }
 
 TEST(Connections, APeerSilentInTheHandshakeIsCut) {
@@ -159,45 +185,91 @@ TEST(Connections, ABodyIsNoPartOfItsHead) {
   }
 }
 
+// Sends `begin`, then `more` until the server cuts; returns the bytes that it let us send.
+std::size_t sendUntilCut(const Service& service, std::string_view begin, std::string_view more) {
+  constexpr std::size_t kNever = std::size_t{64} << 20;
+  TlsClient peer(service.port());
+  peer.send(begin);
+  std::size_t sent = 0;
+  EXPECT_THROW(for (; sent < kNever; sent += more.size()) peer.send(more), std::runtime_error);
+  return sent;
+}
+
+// What sockets may hold beyond what the server has read.
+constexpr std::size_t kSockets = std::size_t{16} << 20;
+
 TEST(Connections, AnEndlessRequestLineIsCutAtItsLimit) {
   const auto limits = onlyRequestBytes();
   Service service(limits);
-  TlsClient peer(service.port());
-  const std::string piece(16 * 1024, 'a');
-  peer.send("GET /");
-  std::size_t sent = 0;
-  EXPECT_THROW(for (; sent < (std::size_t{64} << 20); sent += piece.size()) peer.send(piece),
-               std::runtime_error);
+  const auto begin = Clock::now();
+  const std::size_t sent = sendUntilCut(service, "GET /", std::string(16 * 1024, 'a'));
   EXPECT_GE(sent, limits.request_bytes / 2);
+  EXPECT_LE(sent, limits.request_bytes + kSockets);
+  EXPECT_LT(Clock::now() - begin, 10s);
   EXPECT_EQ(service.health(), 200);
 }
 
 TEST(Connections, AnEndlessHeaderIsCutAtItsLimit) {
   const auto limits = onlyRequestBytes();
   Service service(limits);
-  TlsClient peer(service.port());
-  peer.send("GET /api/v1/health HTTP/1.1\r\n");
-  const std::string header = "X-More: " + std::string(1000, 'm') + "\r\n";
-  EXPECT_THROW(for (std::size_t sent = 0; sent < (std::size_t{64} << 20); sent += header.size())
-                   peer.send(header),
-               std::runtime_error);
+  const auto begin = Clock::now();
+  const std::size_t sent = sendUntilCut(service, "GET /api/v1/health HTTP/1.1\r\n",
+                                        "X-More: " + std::string(1000, 'm') + "\r\n");
+  EXPECT_GE(sent, limits.request_bytes / 2);
+  EXPECT_LE(sent, limits.request_bytes + kSockets);
+  EXPECT_LT(Clock::now() - begin, 10s);
   EXPECT_EQ(service.health(), 200);
 }
 
 // Many bands make an answer of megabytes, more than the sockets between the two hold.
-TEST(Connections, APeerThatTakesNothingOfItsAnswerIsCut) {
-  Service service(smallLimits());
+std::string requestForMuch(const Service& service) {
   std::vector<e2e::Heard> decodes;
   for (int n = 0; n < 300; ++n) {
     decodes.push_back({e2e::wallClock() - 3600, "9." + std::to_string(100 + n), "FT8", ""});
   }
   service.writeLog(e2e::logText(decodes));
+  return e2e::requestText("GET", std::string(e2e::kActivityPath) + "?hours=24",
+                          {{"X-Spot-Token", service.token()}});
+}
+
+TEST(Connections, APeerThatTakesNothingOfItsAnswerIsCut) {
+  Service service(smallLimits());
   TlsClient peer(service.port());
-  peer.send(e2e::requestText("GET", std::string(e2e::kActivityPath) + "?hours=24",
-                             {{"X-Spot-Token", service.token()}}));
+  peer.send(requestForMuch(service));
   EXPECT_EQ(peer.peek(12), "HTTP/1.1 200");
+  const auto begin = Clock::now();
   awaitThat([&] { return service.inFlight() == 0; });
+  EXPECT_LT(Clock::now() - begin, kLongBeforeTheLibrary);
   EXPECT_THROW(peer.receive(), std::runtime_error) << "the end of the answer never came";
+}
+
+// They take a little of it again and again, each time soon enough not to be cut for that.
+TEST(Connections, AnswersThatAreTakenSlowlyGiveWayToANewConnection) {
+  auto limits = smallLimits();
+  limits.write = 5s;
+  Service service(limits);
+  const std::string request = requestForMuch(service);
+  std::deque<TlsClient> slow;
+  for (std::size_t i = 0; i < kWorkers; ++i) slow.emplace_back(service.port());
+  for (auto& peer : slow) {
+    for (int n = 0; n < 3; ++n) peer.send(request);
+  }
+  for (auto& peer : slow) peer.peek(12);
+  const std::jthread taking([&](const std::stop_token& stop) {
+    for (std::size_t taken = 1; !stop.stop_requested(); taken += 256 * 1024) {
+      for (auto& peer : slow) {
+        try {
+          peer.peek(taken);
+        } catch (const std::runtime_error&) {
+          // This one has given way.
+        }
+      }
+      std::this_thread::sleep_for(300ms);
+    }
+  });
+  const auto begin = Clock::now();
+  EXPECT_EQ(service.health(), 200);
+  EXPECT_LT(Clock::now() - begin, kLongBeforeTheLibrary);
 }
 
 // A deep request waits for its turn, but not for one that only pretends to come.
@@ -254,6 +326,17 @@ TEST(Connections, AnAbsurdRangeIsAnsweredAndTheServerGoesOn) {
   const e2e::Headers range = {{"Range", "bytes=99999999999999999999999-"}};
   EXPECT_EQ(peer.request("GET", "/api/v1/health", range).status, 416);
   EXPECT_EQ(peer.request("GET", "/api/v1/health").status, 200);
+}
+
+// The library looks at the socket alone before it reads on.
+TEST(Connections, RequestsThatCameInOnePieceAreAnsweredWhenMoreComes) {
+  Service service(patientLimits());
+  TlsClient peer(service.port());
+  peer.send(std::string(kHealthRequest) + kHealthRequest);
+  EXPECT_EQ(peer.receive().status, 200);
+  peer.send(kHealthRequest);
+  EXPECT_EQ(peer.receive().status, 200);
+  EXPECT_EQ(peer.receive().status, 200);
 }
 
 TEST(Connections, ManyAtOnceAreAllServed) {
