@@ -27,7 +27,7 @@ struct ConnectionLimits {
   // Of all requests together, before the largest is cut. A header of five bytes takes a hundred.
   std::size_t all_request_bytes = 640 * 1024;
   std::size_t deep_request_bytes = 512;  // from here on requests are parsed one at a time
-  Duration turn{50};                     // each for so long at most
+  Duration turn{20};                     // each for so long at most
   Duration linger{1'000};                // reading on after an answer given before the body
   Duration drain{2'000};                 // for requests in flight when the service stops
   Duration release{2'800};               // for everything when the service stops
