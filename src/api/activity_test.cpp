@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 #include <random>
-#include <set>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -12,10 +11,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "api/activity_reference.hpp"
 #include "api/band_plan.hpp"
-#include "api/rate_index_reference.hpp"
 #include "failing_memory.hpp"
-#include "spots/heard_callsigns_reference.hpp"
 #include "spots/mode.hpp"
 
 namespace spotserver {
@@ -38,30 +36,6 @@ std::vector<std::string> bandIds(const ActivitySnapshot& snapshot) {
   std::vector<std::string> ids;
   for (const BandView& band : snapshot.bands) ids.push_back(band.id);
   return ids;
-}
-
-// What a snapshot says of one band, for comparison in one go.
-std::string text(const BandView& band) {
-  std::string all = band.id + " " + band.color + " now " +
-                    std::to_string(band.rate_now.value_or(-1)) + " spots " +
-                    std::to_string(band.spots) + " intervals " + std::to_string(band.intervals) +
-                    " callsigns " + std::to_string(band.unique_callsigns);
-  for (const launcher::RatePoint& point : band.points) {
-    char line[80];
-    std::snprintf(line, sizeof line, "\n%.17g %.17g", point.t, point.rate.value_or(-1));
-    all += line;
-  }
-  return all;
-}
-
-std::string text(const ActivitySnapshot& snapshot) {
-  std::string all = snapshot.mode + " " + std::to_string(snapshot.hours) + " " +
-                    std::to_string(snapshot.smoothing) + " " +
-                    std::to_string(snapshot.window_spots) + " " +
-                    std::to_string(snapshot.window_intervals) + " " +
-                    std::to_string(snapshot.window_unique_callsigns);
-  for (const BandView& band : snapshot.bands) all += "\n" + text(band);
-  return all;
 }
 
 TEST(BuildActivity, AnEmptyStoreIsAnEmptyAnswer) {
@@ -374,118 +348,6 @@ TEST(BuildActivity, LeavesTheCacheAlone) {
   buildActivity(data, 6, 3, kNow);
   EXPECT_THAT(data.cache, IsEmpty());
 }
-
-// The same answer once more, by counting: every rule as a loop over all spots.
-class PlainActivity {
- public:
-  PlainActivity(std::vector<ParsedSpot> spots, const SpotData& data, int hours, int smoothing,
-                double now)
-      : spots_(std::move(spots)), data_(data), hours_(hours), smoothing_(smoothing), now_(now) {}
-
-  std::string text() {
-    keepReach();
-    feedRates();
-    ActivitySnapshot snapshot{.mode = "live", .hours = hours_, .smoothing = smoothing_};
-    snapshot.window_unique_callsigns = callsigns(lastHeard(data_));
-    for (std::size_t i = 0; i < spots_.size(); ++i) {
-      if (spots_[i].time < windowStart()) continue;
-      BandView& band = viewOf(snapshot, spots_[i].frequency);
-      ++snapshot.window_spots;
-      ++band.spots;
-      if (!isFirstOfItsInterval(i)) continue;
-      ++snapshot.window_intervals;
-      ++band.intervals;
-    }
-    putInOrder(snapshot.bands);
-    return spotserver::text(snapshot);
-  }
-
- private:
-  double windowStart() const { return now_ - hours_ * 3600; }
-
-  void keepReach() {
-    const double from = windowStart() - smoothing_ * 60 - 120;
-    std::erase_if(spots_, [&](const ParsedSpot& s) { return s.time < from || s.time > now_; });
-    std::stable_sort(spots_.begin(), spots_.end(), [](const ParsedSpot& a, const ParsedSpot& b) {
-      return std::tie(a.time, a.frequency, a.mode) < std::tie(b.time, b.frequency, b.mode);
-    });
-    // An interval on 0 Hz is named for the sign its first spot came with.
-    for (std::size_t i = 1; i < spots_.size(); ++i) {
-      if (!isFirstOfItsInterval(i)) spots_[i].frequency = spots_[i - 1].frequency;
-    }
-  }
-
-  static bool sameInterval(const ParsedSpot& a, const ParsedSpot& b) {
-    return a.time == b.time && a.frequency == b.frequency && a.mode == b.mode;
-  }
-
-  bool isFirstOfItsInterval(std::size_t i) const {
-    return i == 0 || !sameInterval(spots_[i - 1], spots_[i]);
-  }
-
-  void feedRates() {
-    for (std::size_t i = 0; i < spots_.size(); ++i) {
-      if (!isFirstOfItsInterval(i)) continue;
-      const ParsedSpot& spot = spots_[i];
-      std::uint64_t count = 0;
-      for (const ParsedSpot& other : spots_) count += sameInterval(spot, other) ? 1 : 0;
-      // Rounded to the hertz as a channel is named, so that some channels share a name.
-      char frequency[40];
-      std::snprintf(frequency, sizeof frequency, "%.6f", spot.frequency / 1e6);
-      const std::string mode = spot.mode >= 0 && spot.mode < 7 ? std::to_string(spot.mode) : "?";
-      const std::string source = mode + " " + frequency;
-      rates_.add(source, count, now_, spot.time, slotSeconds(spot.mode), spot.frequency);
-    }
-  }
-
-  BandView& viewOf(ActivitySnapshot& snapshot, double frequency) {
-    const launcher::BandInfo info = launcher::bandForFrequency(frequency);
-    for (BandView& band : snapshot.bands) {
-      if (band.id == info.id) return band;
-    }
-    const LastHeardByBand by_band = lastHeardByBand(data_);
-    const auto heard = by_band.find(info.id);
-    snapshot.bands.push_back(
-        {.id = info.id,
-         .color = info.color,
-         .rate_now = rates_.rateAt(info.id, smoothing_, now_),
-         .unique_callsigns = heard == by_band.end() ? 0 : callsigns(heard->second),
-         .points = rates_.series(info.id, smoothing_, hours_, now_)});
-    return snapshot.bands.back();
-  }
-
-  std::uint64_t callsigns(const LastHeard& heard) const {
-    std::uint64_t count = 0;
-    for (const auto& [callsign, time] : heard) count += time >= windowStart() ? 1 : 0;
-    return count;
-  }
-
-  static void putInOrder(std::vector<BandView>& bands) {
-    std::vector<BandView> ordered;
-    for (const launcher::BandInfo& info : launcher::bandTable()) {
-      for (const BandView& band : bands) {
-        if (band.id == info.id) ordered.push_back(band);
-      }
-    }
-    std::set<std::string> others;
-    for (const BandView& band : bands) {
-      if (launcher::bandOrder(band.id) == 1000) others.insert(band.id);
-    }
-    for (const std::string& id : others) {
-      for (const BandView& band : bands) {
-        if (band.id == id) ordered.push_back(band);
-      }
-    }
-    bands = std::move(ordered);
-  }
-
-  std::vector<ParsedSpot> spots_;
-  const SpotData& data_;
-  int hours_;
-  int smoothing_;
-  double now_;
-  launcher::ReferenceRates rates_;
-};
 
 // A random day, and its counts and curves by both ways. A tidy one is as decoders write it: in
 // order, every slot where its mode has one, channels well apart.
