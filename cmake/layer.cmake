@@ -36,6 +36,7 @@ function(spot_layer library)
       target_link_libraries(${name}_bench PRIVATE ${library} station benchmark::benchmark_main)
       target_include_directories(${name}_bench PRIVATE
         ${CMAKE_SOURCE_DIR}/bench ${CMAKE_SOURCE_DIR}/tests)
+      target_compile_definitions(${name}_bench PRIVATE SPOT_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
     endif()
   endforeach()
 endfunction()

@@ -15,7 +15,7 @@ using namespace spotserver;
 
 const std::vector<std::string>& sampleLines() {
   static const std::vector<std::string> lines = [] {
-    const std::string log = sampleLog(20'000);
+    const std::string log = sampleLog(300'000);
     const auto views = linesOf(log);
     return std::vector<std::string>(views.begin(), views.end());
   }();

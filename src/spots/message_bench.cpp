@@ -24,7 +24,7 @@ struct Received {
 const std::vector<Received>& sampleMessages() {
   static const std::vector<Received> messages = [] {
     std::vector<Received> found;
-    std::istringstream log(sampleLog(20'000));
+    std::istringstream log(sampleLog(300'000));
     for (std::string line; std::getline(log, line);) {
       std::istringstream in(line);
       std::string word[7];

@@ -1,5 +1,6 @@
 // A refresh as the store's lock is held for it, on a day of three million lines of the sample
-// station: with nothing new, and with a hundred new lines.
+// station: with nothing new, and with a hundred new lines. And the first one, of days with more and
+// more lines.
 #include <cstdint>
 #include <ctime>
 #include <fstream>
@@ -21,8 +22,8 @@ constexpr std::uint64_t kLines = 3'000'000;
 // A log on disk and the data that was read from it.
 class BusyDay {
  public:
-  BusyDay() : log_(dir_.path("ALL.TXT"), std::ios::binary) {
-    log_ << sampleLog(kLines) << std::flush;
+  explicit BusyDay(std::uint64_t lines = kLines) : log_(dir_.path("ALL.TXT"), std::ios::binary) {
+    log_ << sampleLog(lines) << std::flush;
     data.all_txt_path = dir_.path("ALL.TXT");
     refresh(kEnd);
   }
@@ -51,6 +52,24 @@ std::string hundredLines(double time) {
   }
   return lines;
 }
+
+void BM_FirstRefresh(benchmark::State& state) {
+  const BusyDay day(static_cast<std::uint64_t>(state.range(0)));
+  for (auto _ : state) {
+    SpotData data;
+    data.all_txt_path = day.data.all_txt_path;
+    refreshSpots(data, kEnd, 0);
+    benchmark::DoNotOptimize(data.spots.size());
+  }
+  state.SetComplexityN(state.range(0));
+}
+BENCHMARK(BM_FirstRefresh)
+    ->Arg(375'000)
+    ->Arg(750'000)
+    ->Arg(1'500'000)
+    ->Arg(3'000'000)
+    ->Unit(benchmark::kMillisecond)
+    ->Complexity(benchmark::oN);
 
 // The clock stands still, so nothing grows old.
 void BM_NothingNew(benchmark::State& state) {
