@@ -13,7 +13,7 @@ checkout=$(dirname -- "$(dirname -- "$(realpath -- "${BASH_SOURCE[0]}")")")
 # shellcheck source=tools/setup.bash
 source "$checkout/tools/setup.bash"
 
-need_packages "${build_packages[@]}" libgtest-dev libgmock-dev clang-format faketime locales
+need_packages "${build_packages[@]}" libgtest-dev libgmock-dev clang-format faketime locales valgrind
 is_configured || configure -D BUILD_TESTING=ON
 build
 
