@@ -3,7 +3,7 @@
 # what the server takes and what the least that can be done takes, in turn: medians, and median and
 # quartiles of the ratios of the pairs. docs/performance.md tells what the rows mean.
 #
-#   tools/bench.sh         against the limit programs in bench/; takes four minutes
+#   tools/bench.sh         against the limit programs in bench/; takes ten minutes
 #   tools/bench.sh BASE    against the server of another commit, the same rows
 #
 # ROUNDS in the environment: pairs of starts, 11 when unset. Everything lies in build-bench, and may
@@ -22,8 +22,13 @@ ready='Press Ctrl-C'
 
 need_packages "${build_packages[@]}" libbenchmark-dev ninja-build curl git
 use_preset bench
-build corvane-spot-server sample_station limit_start constant_body written_body starts poll \
-  refresh_bench history_window_bench activity_bench
+# The benchmarks of single parts: those of what the lock is held for, then the yardsticks.
+locked=(refresh history_window activity)
+yardsticks=(log_reader all_txt message country heard_callsigns spot_queue rate_index history_reader
+  activity_document activity_answer)
+benches=("${locked[@]}" "${yardsticks[@]}")
+build corvane-spot-server sample_station limit_start constant_body written_body starts poll clients \
+  "${benches[@]/%/_bench}"
 
 # The server of another commit: a work tree of its own below the build folder.
 build_base() {
@@ -142,6 +147,68 @@ cached_rows() {
   stop_all
 }
 
+# client_rows PATH NAME: one server and more and more clients at once.
+client_rows() {
+  row "$2"
+  server_options off 15
+  free_port
+  start "$ready" "$build/corvane-spot-server" "${options[@]}" --port "$port"
+  "$build/clients" 3 "$1" "$port" "$pid" "X-Spot-Token: $token"
+  stop_all
+}
+
+# off_plan_log FREQUENCIES: a million lines of the last day, a decode in every slot of each of so
+# many dial frequencies outside every band, as often as the lines go round.
+off_plan_log() {
+  awk -v frequencies="$1" 'BEGIN {
+    begin = systime() - 86400
+    for (line = 0; line < 1000000; ++line) {
+      slot = int(begin / 15 + line * 5760 / 1000000) * 15
+      if (slot != last) stamp = strftime("%y%m%d_%H%M%S", slot, 1)
+      last = slot
+      printf "%s %.3f Rx FT8 -12 0.2 1234 CQ N0CALL FN42\n", stamp, 200 + line % frequencies / 1000
+    }
+  }'
+}
+
+processor_ms() { awk -v ticks="$(getconf CLK_TCK)" '{ print ($14 + $15) * 1000 / ticks }' "/proc/$1/stat"; }
+
+# off_plan_row NAME SERVER FREQUENCIES: the first 24-hour answer, and the most memory that took.
+off_plan_row() {
+  free_port
+  server_options off 15
+  start "$ready" "$2" "${options[@]}" --all-txt "$build/off_plan.txt" --port "$port"
+  ours=("$port" "$pid")
+  local before seconds
+  before=$(processor_ms "$pid")
+  seconds=$(curl -sk -o /dev/null -w '%{time_total}' -H "X-Spot-Token: $token" \
+    "https://127.0.0.1:$port/api/v1/activity?hours=24")
+  awk -v name="$1" -v frequencies="$3" -v seconds="$seconds" -v before="$before" \
+    -v after="$(processor_ms "$pid")" '/^VmHWM/ {
+      printf "%s %5d frequencies: %.3f s, processor %4.0f ms, at most %4.0f MB\n",
+             name, frequencies, seconds, after - before, $2 / 1024 }' "/proc/$pid/status"
+  stop_all
+}
+
+off_plan_rows() {
+  row '24-hour view of off-plan frequencies, a million lines; at most 3 s and 1024 MB'
+  for frequencies in 720 1440 2880 5760; do
+    off_plan_log $frequencies >"$build/off_plan.txt"
+    off_plan_row server "$build/corvane-spot-server" $frequencies
+    [[ -z $base_server ]] || off_plan_row base "$base_server" $frequencies
+  done
+}
+
+# bench_rows NAME BENCHMARK...: medians of five, and what they count.
+bench_rows() {
+  row "$1"
+  shift
+  for name in "$@"; do
+    "$build/${name}_bench" --benchmark_repetitions=5 --benchmark_report_aggregates_only \
+      --benchmark_min_time=0.2 2>/dev/null | grep -E '_(median|BigO|RMS)'
+  done
+}
+
 make_day
 start_rows log off
 start_rows history "$history"
@@ -150,6 +217,7 @@ cold_rows history "$history"
 cached_rows '/api/v1/activity?hours=24' 'cached 24-hour answer'
 cached_rows '/api/v1/activity?hours=1' 'cached 1-hour answer'
 cached_rows /api/v1/health 'health'
+off_plan_rows
 if [[ -n $base_server ]]; then
   cached_rows '/api/v1/activity?hours=24' 'cached 24-hour answer, compressed' \
     'Accept-Encoding: gzip, deflate, br'
@@ -157,8 +225,7 @@ if [[ -n $base_server ]]; then
 fi
 cached_rows '/api/v1/activity?hours=24' 'cached 24-hour answer, compressed, against plain' \
   '1:Accept-Encoding: gzip, deflate, br'
-row 'under the lock'
-for name in refresh history_window activity; do
-  "$build/${name}_bench" --benchmark_repetitions=5 --benchmark_report_aggregates_only 2>/dev/null |
-    grep -E '_(median|BigO)'
-done
+client_rows '/api/v1/activity?hours=24' 'cached 24-hour answer to many clients'
+client_rows '/api/v1/activity?hours=1' 'cached 1-hour answer to many clients'
+bench_rows 'under the lock, and how it grows' "${locked[@]}"
+bench_rows 'yardsticks' "${yardsticks[@]}"
