@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -12,15 +13,23 @@
 
 namespace {
 
-// The rest of the script, a part of it over and over, so that there is something to compress and
+// Bytes that cannot be compressed, so that the file is longer than a chunk of it.
+void appendNoise(std::string& text, std::size_t size) {
+  std::minstd_rand random(static_cast<unsigned>(size));
+  for (std::size_t i = 0; i < size; ++i) text += static_cast<char>(random() >> 8);
+}
+
+// The rest of the script, behind a part of it over and over: there is something to compress, and
 // the text is longer than a window at times.
 std::string textOf(spotserver::ByteScript& script) {
   const std::size_t repeated = script.below(64);
   const std::size_t times = script.below(4096);
+  const std::size_t noise = script.below(8) == 7 ? 2 * script.below(65'536) : 0;
   std::string again;
   for (std::size_t i = 0; i < repeated; ++i) again += static_cast<char>(script.byte());
   std::string text;
   for (std::size_t i = 0; i < times; ++i) text += again;
+  appendNoise(text, noise);
   while (!script.done()) text += static_cast<char>(script.byte());
   return text;
 }
