@@ -13,6 +13,7 @@
 
 #include "kept_connection.hpp"
 #include "statistics.hpp"
+#include "tool.hpp"
 
 namespace {
 
@@ -80,15 +81,6 @@ void run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 5) {
-    std::fputs("Usage: clients SECONDS PATH PORT PID [HEADER]...\n", stderr);
-    return 2;
-  }
-  try {
-    run(argc, argv);
-    return 0;
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "%s\n", error.what());
-    return 1;
-  }
+  return runTool(argc >= 5, "Usage: clients SECONDS PATH PORT PID [HEADER]...\n",
+                 [&] { run(argc, argv); });
 }
