@@ -38,8 +38,8 @@ inline std::string difference(const IntervalQueue& queue, const std::vector<Inte
     return a.start == b.start && a.band == b.band && a.count == b.count;
   };
   std::size_t place = 0;
-  for (const Interval& one : queue) {
-    if (!same(one, plain[place++])) return "interval " + std::to_string(place - 1);
+  for (auto one = queue.begin(); one != queue.end(); ++place) {
+    if (!same(*one++, plain[place])) return "interval " + std::to_string(place);
   }
   place = 0;
   bool visited_right = true;
