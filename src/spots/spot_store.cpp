@@ -1,12 +1,28 @@
+// Whoever comes reads the number of long refreshes that have ended, and counts among those who wait
+// since that number. A thread that finds another number when it has the lock has waited for a long
+// refresh; one that finds the same is to look for itself, but steps back while threads of the
+// number before are still waiting. Among threads that nobody kept waiting for long the mutex
+// decides: to serve them strictly in turn would cost a change of threads for every answer.
 #include "spots/spot_store.hpp"
 
 namespace spotserver {
 
 SpotStore::Held SpotStore::refresh(double now, double min_interval) noexcept {
   const std::uint64_t before = long_refreshes_;
-  mutex_.lock();
+  waitForTurn(before);
   if (long_refreshes_ == before) refreshLocked(now, min_interval);
   return {*this, std::adopt_lock};
+}
+
+void SpotStore::waitForTurn(std::uint64_t long_refreshes) SPOT_NO_THREAD_SAFETY_ANALYSIS {
+  auto& same = waiting_[long_refreshes % 2];
+  const auto& others = waiting_[(long_refreshes + 1) % 2];
+  ++same;
+  mutex_.lock();
+  std::unique_lock hold(mutex_.native(), std::adopt_lock);
+  while (long_refreshes_ == long_refreshes && others != 0) served_.wait(hold);
+  if (--same == 0) served_.notify_all();
+  hold.release();  // stays locked
 }
 
 void SpotStore::refreshLocked(double now, double min_interval) {

@@ -1,15 +1,17 @@
 // The spot data behind its lock.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <mutex>
 #include <stop_token>
 #include <utility>
 
-#include "server/fair_mutex.hpp"
+#include "server/mutex.hpp"
 #include "spots/refresh.hpp"
 #include "spots/spot_data.hpp"
 
@@ -21,9 +23,9 @@ namespace spotserver {
 //   store.lock()->all_txt_path = "/home/op/ALL.TXT";
 //   const auto answer = activityAt(*store.refresh(now, 15), 6, 3, now);
 //
-// Whoever came first is served first. A history that its writer keeps locked takes a refresh five
-// seconds; as those who waited for a long refresh do not look for themselves, and as nobody else
-// does before they have been served, no one waits for more than one of them.
+// A history that its writer keeps locked takes a refresh five seconds. Nobody waits for more than
+// one of them: those who waited for a long refresh do not look for themselves, and no other begins
+// before they have been served.
 class SpotStore {
  public:
   using Interval = spotserver::Interval;
@@ -56,7 +58,7 @@ class SpotStore {
     SpotStore& store_;
   };
 
-  // Waits for whoever holds the store, a refresh included, and for those who came before.
+  // Waits for whoever holds the store, a refresh included.
   Held lock() { return Held(*this); }
 
   // Locks the store, refreshes it (refreshSpots) and returns it still locked, so that the answer is
@@ -68,18 +70,24 @@ class SpotStore {
   // any number of times; takes no lock.
   void interrupt() noexcept;
 
-  // The threads that wait for the store right now, for those who watch them.
-  std::uint64_t waiting() { return mutex_.waiting(); }
+  // The threads that wait in refresh right now, and the long refreshes that have ended: for those
+  // who watch them.
+  std::uint64_t waiting() const { return waiting_[0] + waiting_[1]; }
+  std::uint64_t longRefreshes() const { return long_refreshes_; }
 
  private:
+  void waitForTurn(std::uint64_t long_refreshes) SPOT_ACQUIRE(mutex_);
   void refreshLocked(double now, double min_interval) SPOT_REQUIRES(mutex_);
 
   const Refresh refresh_;
   const std::chrono::nanoseconds long_refresh_;
-  FairMutex mutex_;
+  Mutex mutex_;
   SpotData data_ SPOT_GUARDED_BY(mutex_);
   std::stop_source stop_;
   std::atomic<std::uint64_t> long_refreshes_ = 0;  // that have ended
+  // Threads in refresh, by whether the number of long refreshes was even or odd when they came.
+  std::array<std::atomic<std::uint64_t>, 2> waiting_{};
+  std::condition_variable served_;
 };
 
 }  // namespace spotserver
