@@ -284,8 +284,9 @@ struct Connections::Core {
     const std::size_t bytes = result > 0 && processed ? *processed : 0;
     const long outcome = worker.core->noteSocket(worker.slot, bio, operation, bytes, result);
     const bool read = operation == (BIO_CB_READ | BIO_CB_RETURN) && bytes > 0;
-    if (read) worker.core->takeTurn(worker.slot);
-    return outcome;
+    if (!read || worker.core->takeTurn(worker.slot)) return outcome;
+    BIO_clear_retry_flags(bio);
+    return -1;
   }
 
   // Returns what the callback is to return.
@@ -339,6 +340,7 @@ struct Connections::Core {
     }
     parsed(slot);
     enter(slot, Phase::kIdle, Clock::now());
+    slot.received = bytesAhead(slot);
   }
 
   // --- deep requests ---
@@ -346,11 +348,11 @@ struct Connections::Core {
   // The library may need half a kilobyte of stack for every byte of a header. Requests large
   // enough for that to matter are parsed one at a time, and their workers give the stack back.
 
-  // Before the bytes just read go to the library. A turn ends by itself when the library does not
-  // parse but waits for more.
-  void takeTurn(ConnectionSlot& slot) SPOT_NO_THREAD_SAFETY_ANALYSIS {
+  // Before the bytes just read go to the library; false when the slot was cut and they must not. A
+  // turn ends by itself when the library does not parse but waits for more.
+  bool takeTurn(ConnectionSlot& slot) SPOT_NO_THREAD_SAFETY_ANALYSIS {
     std::unique_lock lock(mutex.native());
-    if (slot.phase != Phase::kReading || !isDeep(slot, limits)) return;
+    if (slot.phase != Phase::kReading || !isDeep(slot, limits)) return !slot.cut;
     slot.awaits_turn = true;
     auto now = Clock::now();
     for (; !slot.cut && !isNext(turn, slots, slot, now); now = Clock::now()) {
@@ -358,6 +360,13 @@ struct Connections::Core {
     }
     slot.awaits_turn = false;
     if (!slot.cut) take(turn, slot, limits, now);
+    return !slot.cut;
+  }
+
+  // Bytes of a next request that came together with this one: the library will parse them without
+  // another read of the socket, so no turn can be taken for them.
+  static std::size_t bytesAhead(const ConnectionSlot& slot) {
+    return slot.ssl ? static_cast<std::size_t>(SSL_pending(slot.ssl)) : 0;
   }
 
   // On the slot's own worker, with nothing of the library's parser left on its stack.
@@ -430,7 +439,10 @@ void Connections::closeAfterAnswer() {
 }
 
 bool Connections::closesAfterAnswer() {
-  return Core::onOwnSlot([](Core&, const auto& slot) { return slot.close_after_answer; });
+  return Core::onOwnSlot([](Core& core, ConnectionSlot& slot) {
+    if (Core::bytesAhead(slot) > core.limits.deep_request_bytes) slot.close_after_answer = true;
+    return slot.close_after_answer;
+  });
 }
 
 void Connections::answered() {

@@ -68,6 +68,8 @@ class Connections {
   static void requestComplete();
   // Close the connection once the answer is written, whatever the peer still sends.
   static void closeAfterAnswer();
+  // Whether it was said, or a large request came together with this one, for which it would be too
+  // late to wait until others are parsed. Asked when all of this one was read.
   static bool closesAfterAnswer();
   // The answer is written.
   static void answered();

@@ -105,9 +105,11 @@ Verdict passGate(const httplib::Request& request, httplib::Response& response) {
   return Verdict::Handled;
 }
 
-// The library answers by itself, past the gate, what it does not understand. Only behind a bad
-// Range header the request is known to its end; of any other the rest may follow.
+// The library answers by itself, past the gate, what it does not understand, and 400 to a body that
+// does not come. Only behind a bad Range header the request is known to its end; of any other the
+// rest may follow.
 void closeUnlessUnderstood(const httplib::Request& request, const httplib::Response& response) {
+  if (!Connections::isReadingHead() && response.status != 400) return;
   const bool understood = response.status == 416 && judgeBody(request) == BodyVerdict::kRoute;
   if (!understood) Connections::closeAfterAnswer();
 }
@@ -231,7 +233,7 @@ HttpService::HttpService(const ServerSettings& settings, SpotStore& store, const
     return response.status;
   });
   server_->set_post_routing_handler([](const auto& request, auto& response) {
-    if (Connections::isReadingHead()) closeUnlessUnderstood(request, response);
+    closeUnlessUnderstood(request, response);
     Connections::requestComplete();
     finishJson(response);
     announceClose(response);

@@ -1,15 +1,22 @@
 #include "server/parsing_turn.hpp"
 
 #include <algorithm>
-#include <tuple>
+#include <chrono>
+#include <utility>
 
 namespace spotserver {
 namespace {
 
 using Time = ConnectionSlot::Time;
 
+// What each turn that a request had takes off its age.
+constexpr std::chrono::seconds kTurnCounts{1};
+
 bool goesBefore(const ConnectionSlot& a, const ConnectionSlot& b) {
-  return std::tie(a.turns, a.since) < std::tie(b.turns, b.since);
+  const auto rank = [](const ConnectionSlot& slot) {
+    return std::pair(slot.since + slot.turns * kTurnCounts, slot.turns);
+  };
+  return rank(a) < rank(b);
 }
 
 }  // namespace

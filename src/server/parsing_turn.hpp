@@ -12,9 +12,10 @@ struct ParsingTurn {
   ConnectionSlot::Time end{};  // by then the next one may take it
 };
 
-// Whether `slot` may take the turn now. First come requests that had the fewest turns, of those the
-// oldest: one that sends a byte now and then, and takes a turn for each, holds up nobody but its
-// like.
+// Whether `slot` may take the turn now. The oldest request goes first, but each turn that it had
+// makes it a second younger: one that sends a byte now and then, and takes a turn for each, holds
+// up nobody but its like, and one that came in two pieces does not wait for ever behind those that
+// come in one.
 bool isNext(const ParsingTurn& turn, ConnectionSlots slots, const ConnectionSlot& slot,
             ConnectionSlot::Time now);
 

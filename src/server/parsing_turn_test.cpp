@@ -54,12 +54,15 @@ TEST_F(ParsingTurns, NobodyIsNextUntilATurnIsOver) {
   EXPECT_EQ(nextAt(kStart), 1u);
 }
 
-TEST_F(ParsingTurns, WhoHadFewerGoesBeforeWhoIsOlder) {
+TEST_F(ParsingTurns, EachTurnMakesARequestASecondYounger) {
+  takeAt(kStart, 0);
   takeAt(kStart, 0);
   takeAt(kStart, 1);
-  EXPECT_EQ(nextAt(kStart + 1h), 2u);
+  EXPECT_EQ(nextAt(kStart + 1h), 2u) << "three of one age: who had the fewest";
   takeAt(kStart, 2);
-  EXPECT_EQ(nextAt(kStart + 1h), 0u);
+  EXPECT_EQ(nextAt(kStart + 1h), 1u);
+  takeAt(kStart, 1);
+  EXPECT_EQ(nextAt(kStart + 1h), 0u) << "now the oldest, whatever it had";
 }
 
 TEST_F(ParsingTurns, WhoIsCutHoldsNobodyUp) {
@@ -68,7 +71,7 @@ TEST_F(ParsingTurns, WhoIsCutHoldsNobodyUp) {
 }
 
 TEST_F(ParsingTurns, ANewRequestStartsAnew) {
-  takeAt(kStart, 0);
+  for (int had = 0; had < 5; ++had) takeAt(kStart, 0);
   enter(slots[0], Phase::kIdle, kStart);
   enter(slots[0], Phase::kReading, kStart);
   EXPECT_EQ(nextAt(kStart + 1h), 0u);

@@ -340,7 +340,7 @@ TEST(Connections, RequestsThatCameInOnePieceAreAnsweredWhenMoreComes) {
 }
 
 TEST(Connections, ManyAtOnceAreAllServed) {
-  Service service(smallLimits());
+  Service service(patientLimits());
   std::vector<std::future<int>> answers;
   for (int i = 0; i < 100; ++i) {
     answers.push_back(std::async(std::launch::async, [&service] { return service.health(); }));

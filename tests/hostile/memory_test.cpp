@@ -1,6 +1,7 @@
 // What strangers without a token can make the server hold in memory.
 #include <deque>
 #include <future>
+#include <stdexcept>
 
 #include <gtest/gtest.h>
 
@@ -89,16 +90,35 @@ TEST_F(Memory, EndlessRowsOfShortHeadersOnAllWorkers) {
   expectFlat("short headers");
 }
 
+const std::string kManyRanges = [] {
+  std::string ranges = "bytes=0-0";
+  while (ranges.size() < 8000) ranges += ",0-0";
+  return ranges;
+}();
+
 // Each takes four megabytes of stack while it is matched.
 TEST_F(Memory, LongRangesOnAllWorkers) {
-  std::string many = "bytes=0-0";
-  while (many.size() < 8000) many += ",0-0";
   onAllWorkers([&] {
-    for (const std::string& range : {many, "bytes=" + std::string(8000, '1') + "-"}) {
+    for (const std::string& range : {kManyRanges, "bytes=" + std::string(8000, '1') + "-"}) {
       TlsClient(port()).request("GET", e2e::kHealthPath, {{"Range", range}});
     }
   });
   expectFlat("long ranges");
+}
+
+// Behind a request in the same record of TLS: the library has it without another read.
+TEST_F(Memory, LongRangesThatComeTogetherWithAnotherRequest) {
+  const std::string pair = e2e::requestText("GET", e2e::kHealthPath) +
+                           e2e::requestText("GET", e2e::kHealthPath, {{"Range", kManyRanges}});
+  std::deque<TlsClient> clients;
+  for (std::size_t i = 0; i < kWorkers; ++i) clients.emplace_back(port()).send(pair);
+  for (auto& client : clients) {
+    const e2e::Response answer = client.receive();
+    EXPECT_EQ(answer.status, 200);
+    EXPECT_EQ(answer.header("Connection"), "close");
+  }
+  for (auto& client : clients) client.awaitClose();
+  expectFlat("long ranges behind another request");
 }
 
 // Each asks for the document four thousand times in one request, more than once, and takes nothing:
