@@ -112,9 +112,17 @@ void HeardCallsigns::pruneBefore(double cutoff) noexcept {
 }
 
 void HeardCallsigns::forgetAfter(double time) noexcept {
-  removeIf(bands_, [this, time](const Band& band, std::uint32_t place) {
-    return last_heard_[band.callsigns[place]] > time;
-  });
+  removeIf(bands_,
+           [time](const Band& band, std::uint32_t place) { return band.last_heard[place] > time; });
+  for (double& last_heard : last_heard_) {
+    if (last_heard > time) last_heard = kNever;
+  }
+  for (const auto& [id, band] : bands_) {
+    for (std::size_t place = 0; place < band.callsigns.size(); ++place) {
+      double& last_heard = last_heard_[band.callsigns[place]];
+      if (!(last_heard >= band.last_heard[place])) last_heard = band.last_heard[place];
+    }
+  }
   for (std::uint32_t number = 0; number < known_.size(); ++number) {
     double& last_seen = known_[number].last_seen;
     if (!(last_seen > time)) continue;

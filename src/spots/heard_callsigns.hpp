@@ -65,7 +65,7 @@ class HeardCallsigns {
   // Removes what was last heard before the cutoff, remembered verdicts included, and bands left
   // without a callsign. Throws nothing. Cost: one look at every time.
   void pruneBefore(double cutoff) noexcept;
-  // Forgets the callsigns last heard after `time`, on every band, for a clock that was ahead.
+  // For a clock that was ahead: forgets on each band the callsigns last heard there after `time`.
   // Throws nothing. Cost: as pruneBefore.
   void forgetAfter(double time) noexcept;
   void clear() { *this = {}; }

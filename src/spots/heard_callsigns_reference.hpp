@@ -50,11 +50,15 @@ class PlainHeard {
     std::erase_if(by_band_, [](const auto& band) { return band.second.empty(); });
   }
   void forgetAfter(double time) {
-    const LastHeard before = all_;
-    const auto is_ahead = [&](const auto& entry) { return before.at(entry.first) > time; };
+    const auto is_ahead = [&](const auto& entry) { return entry.second > time; };
     for (auto& [band, heard] : by_band_) std::erase_if(heard, is_ahead);
     std::erase_if(by_band_, [](const auto& band) { return band.second.empty(); });
-    std::erase_if(all_, is_ahead);
+    all_.clear();
+    for (const auto& [band, heard] : by_band_) {
+      for (const auto& [callsign, last] : heard) {
+        all_[callsign] = std::max(last, all_.try_emplace(callsign, last).first->second);
+      }
+    }
   }
   std::uint64_t countSince(double since) const { return count(all_, since); }
   std::uint64_t countSince(const std::string& band, double since) const {

@@ -41,18 +41,20 @@ TEST(HeardCallsigns, PrunedCallsignsAreCountedAtNoTimeWhatever) {
   EXPECT_EQ(heard.remembered(), 1u);
 }
 
-TEST(HeardCallsigns, WhatWasLastHeardAfterATimeIsForgottenOnEveryBand) {
+TEST(HeardCallsigns, WhatWasLastHeardAfterATimeIsForgottenOnThatBand) {
   HeardCallsigns heard;
   heard.record("N0CALL", heard.band("20m"), 100);
-  heard.record("DL1ABC", heard.band("20m"), 100);
+  heard.record("DL1ABC", heard.band("20m"), 99);
   heard.record("DL1ABC", heard.band("40m"), 101);
+  heard.record("G0XYZ", heard.band("40m"), 102);
   heard.recordIf([] { return false; }, "QQ0QQ", heard.band("20m"), 101);
   heard.forgetAfter(100);
-  EXPECT_EQ(heard.countSince(0), 1u);
-  EXPECT_EQ(heard.countSince("20m", 0), 1u);
+  EXPECT_EQ(heard.countSince(0), 2u);
+  EXPECT_EQ(heard.countSince("20m", 0), 2u);
   EXPECT_EQ(heard.countSince("40m", 0), 0u);
+  EXPECT_EQ(heard.countSince(100), 1u) << "DL1ABC was last heard on 20m now";
   EXPECT_EQ(heard.bands(), 1u);
-  EXPECT_EQ(heard.remembered(), 1u);
+  EXPECT_EQ(heard.remembered(), 2u);
 }
 
 TEST(HeardCallsigns, OneThatCountedInTimeAndWasSeenAfterItStays) {

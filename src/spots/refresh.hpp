@@ -25,9 +25,9 @@ namespace spotserver {
 //
 // The clock. When `now` lies more than 600 s before the last refresh, the clock was wrong: spots,
 // intervals and rates are emptied, callsigns heard more than kRetention ahead of `now` forgotten,
-// and both sources read anew at once. A smaller step back waits
-// until the time comes round. A log line dated more than kRetention ahead is left out, its sender
-// too; when the clock gets there the log is read anew.
+// and both sources read anew at once. A smaller step back waits until the time comes round. A log
+// line dated more than kRetention ahead is left out, its sender too; when the clock gets there the
+// log is read anew.
 //
 // Every failure is silent and leaves what is held, and the sources after it are read all the same.
 // A log line counts once, whatever fails. `stop` ends a long read early and what was consumed by
