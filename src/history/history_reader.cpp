@@ -75,15 +75,19 @@ class Patience {
   throw std::runtime_error(sqlite3_errmsg(database));
 }
 
-// Whether SQLite can open the journal that an unfinished write leaves. It lies beside the file
-// itself where `path` is a link.
-bool journalIsSound(const std::string& path) {
-  std::error_code ignored;
-  auto journal = std::filesystem::canonical(path, ignored);
-  journal += "-journal";
-  const auto type = std::filesystem::status(journal, ignored).type();
-  return type == std::filesystem::file_type::not_found ||
-         type == std::filesystem::file_type::regular;
+// Whether SQLite can open what a writer leaves beside the database, or finds nothing there. That is
+// beside the file itself where `path` is a link.
+bool hasSoundCompany(const std::string& path) {
+  std::error_code error;
+  const auto database = std::filesystem::canonical(path, error);
+  if (error) return true;  // opening it will tell
+  for (const char* suffix : {"-journal", "-wal", "-shm"}) {
+    auto company = database;
+    company += suffix;
+    const auto status = std::filesystem::status(company, error);
+    if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status)) return false;
+  }
+  return true;
 }
 
 Connection open(const std::string& path) {
@@ -266,7 +270,7 @@ HistorySlots readHistorySlots(const std::string& path, double from, double to, s
   const auto type = std::filesystem::status(path, ignored).type();
   if (type == std::filesystem::file_type::not_found) return {};
   // SQLite would block in opening a FIFO.
-  if (type != std::filesystem::file_type::regular || !journalIsSound(path)) {
+  if (type != std::filesystem::file_type::regular || !hasSoundCompany(path)) {
     throw std::runtime_error("Cannot open history");
   }
   if (stop.stop_requested()) throw std::runtime_error("interrupted");

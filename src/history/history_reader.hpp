@@ -128,9 +128,10 @@ struct OutOfDescriptors : std::runtime_error {
 // A writer that holds the file locked is waited for. `stop`, asked from any thread, ends the read
 // within some 10 ms.
 // Throws std::runtime_error: one of expandRow's (one bad row fails the read), "Cannot open history"
-// (no regular file, or its journal is none), "Unsupported history schema", "History window too
-// large" (beyond limits.memory), or SQLite's own text: "database is locked" after limits.time,
-// "interrupted" after limits.time or when stopped. Throws OutOfDescriptors with SQLite's text.
+// (no regular file, or one of those that SQLite keeps beside it is none), "Unsupported history
+// schema", "History window too large" (beyond limits.memory), or SQLite's own text: "database is
+// locked" after limits.time, "interrupted" after limits.time or when stopped.
+// Throws OutOfDescriptors with SQLite's text.
 // Opens, reads and closes the database; never blocks on a FIFO. Writes no temporary file.
 // Cost: the rows of the window, when the table has an index on `minute`. No text is copied but
 // those of new channels.

@@ -507,13 +507,16 @@ TEST_F(HistoryReading, WhatIsNoRegularFileIsNotOpened) {
   }
 }
 
-TEST_F(HistoryReading, FifoInPlaceOfTheJournalIsNotOpened) {
+TEST_F(HistoryReading, FifoInPlaceOfAJournalIsNotOpened) {
   HistoryFile(path_).add({.minute = kMinute});
   std::filesystem::create_symlink(path_, dir_.path("link"));
-  ASSERT_EQ(::mkfifo((path_ + "-journal").c_str(), 0600), 0);
-  EXPECT_EQ(failureOf(path_, kBase, kBase + 60), "Cannot open history");
-  EXPECT_EQ(failureOf(dir_.path("link"), kBase, kBase + 60), "Cannot open history");
-  std::filesystem::remove(path_ + "-journal");
+  for (const std::string suffix : {"-journal", "-wal", "-shm"}) {
+    SCOPED_TRACE(suffix);
+    ASSERT_EQ(::mkfifo((path_ + suffix).c_str(), 0600), 0);
+    EXPECT_EQ(failureOf(path_, kBase, kBase + 60), "Cannot open history");
+    EXPECT_EQ(failureOf(dir_.path("link"), kBase, kBase + 60), "Cannot open history");
+    std::filesystem::remove(path_ + suffix);
+  }
   EXPECT_THAT(readHistory(path_, kBase, kBase + 60), SizeIs(4));
 }
 
