@@ -4,7 +4,7 @@
 # quartiles of the ratios of the pairs. docs/performance.md tells what the rows mean.
 #
 #   tools/bench.sh         against the limit programs in bench/; takes ten minutes
-#   tools/bench.sh BASE    against the server of another commit, the same rows
+#   tools/bench.sh BASE    against the server of another commit, the rows that compare
 #
 # ROUNDS in the environment: pairs of starts, 11 when unset. Everything lies in build-bench, and may
 # be deleted. The figures mean something when the computer does nothing else.
@@ -157,8 +157,8 @@ client_rows() {
   stop_all
 }
 
-# off_plan_log FREQUENCIES: a million lines of the last day, a decode in every slot of each of so
-# many dial frequencies outside every band, as often as the lines go round.
+# off_plan_log FREQUENCIES: a million lines of the last day, which go round so many dial frequencies
+# outside every band.
 off_plan_log() {
   awk -v frequencies="$1" 'BEGIN {
     begin = systime() - 86400

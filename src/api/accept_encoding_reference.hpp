@@ -7,9 +7,15 @@
 #include <cstdlib>
 #include <map>
 #include <optional>
-#include <regex>
 #include <sstream>
 #include <string>
+
+#pragma GCC diagnostic push
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+#include <regex>
+#pragma GCC diagnostic pop
 
 namespace spotserver::reference {
 

@@ -165,8 +165,7 @@ class PlainActivity {
 // A log as `bytes` tell it: a few channels, some of them closer to each other than a name tells, in
 // which slot follows slot. It is the log of a decoder for the most part, so that its intervals are
 // in order; a script may also go back in time, stay within a second or add to an old interval.
-//   const std::string difference = ActivityScript(bytes).run();  // empty: both answers are the
-//   same
+//   const std::string difference = ActivityScript(bytes).run();  // empty: the answers agree
 class ActivityScript {
  public:
   explicit ActivityScript(std::span<const std::uint8_t> bytes) : script_(bytes) {}

@@ -85,7 +85,8 @@ class SpotStore {
   SpotData data_ SPOT_GUARDED_BY(mutex_);
   std::stop_source stop_;
   std::atomic<std::uint64_t> long_refreshes_ = 0;  // that have ended
-  // Threads in refresh, by whether the number of long refreshes was even or odd when they came.
+  // Threads waiting in refresh, by whether the number of long refreshes was even or odd when they
+  // came.
   std::array<std::atomic<std::uint64_t>, 2> waiting_{};
   std::condition_variable served_;
 };
