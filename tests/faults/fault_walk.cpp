@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <map>
 #include <random>
 
@@ -39,8 +40,14 @@ long forEachCall(const std::string& what, long count, long few,
   const Walk walk = walkThrough(what, count, few);
   long reached = 0;
   for (long call = walk.from; walk.to_the_end || call < count; call += walk.step) {
-    SCOPED_TRACE(what + ", call " + std::to_string(call));
-    const bool there = visit(call);
+    const std::string place = what + ", call " + std::to_string(call);
+    SCOPED_TRACE(place);
+    bool there = true;
+    try {
+      there = visit(call);
+    } catch (const std::exception& error) {
+      ADD_FAILURE() << place << ": " << error.what();
+    }
     reached += there ? 1 : 0;
     if (testing::Test::HasFailure() || (!there && call >= count)) break;
   }
