@@ -59,6 +59,7 @@ bool isSpecified(int status, const std::string& errors) {
       "Cannot write PID file: ",
       "pipe failed\n",
       "fork failed\n",
+      "std::bad_alloc\n",  // no memory to put it in other words
   };
   const bool one_line =
       std::count(errors.begin(), errors.end(), '\n') == 1 && errors.back() == '\n';

@@ -366,7 +366,7 @@ TEST(Stopping, NoClientHoldsTheServiceUp) {
 
 TEST(Stopping, ABodyUnderWayMayStillComeToItsEnd) {
   auto limits = smallLimits();
-  limits.request = 20s;
+  limits.request = limits.drain = limits.release = 20s;
   Service service(limits);
   TlsClient phone(service.port());
   phone.send(headOfBody(2));
