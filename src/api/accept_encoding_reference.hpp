@@ -10,12 +10,7 @@
 #include <sstream>
 #include <string>
 
-#pragma GCC diagnostic push
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#endif
-#include <regex>
-#pragma GCC diagnostic pop
+#include "quiet_regex.hpp"
 
 namespace spotserver::reference {
 

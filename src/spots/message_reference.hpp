@@ -16,14 +16,7 @@
 #include <string_view>
 #include <vector>
 
-// With -fsanitize=address GCC 12 believes that the library's own automaton is not initialised.
-#pragma GCC diagnostic push
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#endif
-#include <regex>
-#pragma GCC diagnostic pop
-
+#include "quiet_regex.hpp"
 #include "spots/message.hpp"
 
 namespace spotserver::reference {
