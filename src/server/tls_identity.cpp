@@ -9,6 +9,7 @@
 #include <span>
 #include <stdexcept>
 #include <string_view>
+#include <vector>
 
 #include <fcntl.h>
 #include <openssl/bio.h>
@@ -126,6 +127,24 @@ void add_alternative_names(X509& certificate) {
       X509V3_EXT_conf_nid(nullptr, nullptr, NID_subject_alt_name,
                           "DNS:localhost,DNS:corvane-spot-server,IP:127.0.0.1"));
   require(extension && X509_add_ext(&certificate, extension.get(), -1), "X509_add_ext failed");
+}
+
+void fill_certificate(X509& certificate, EVP_PKEY& key, const std::string& common_name,
+                      std::time_t now) {
+  require(X509_set_version(&certificate, X509_VERSION_3), "X509_set_version failed");
+  set_serial(certificate);
+  set_validity(certificate, now);
+  require(X509_set_pubkey(&certificate, &key), "X509_set_pubkey failed");
+  set_names(certificate, common_name);
+  add_alternative_names(certificate);
+  require(X509_sign(&certificate, &key, EVP_sha256()), "X509_sign failed");
+}
+
+// A certificate that OpenSSL 3.0 had no memory to sign is left so that freeing it corrupts the
+// heap. It stays until the process ends, which without a certificate is soon.
+void keep_unfinished(X509* certificate) {
+  static auto& unfinished = *new std::vector<X509*>;
+  unfinished.push_back(certificate);
 }
 
 // ---- saving ----
@@ -246,13 +265,12 @@ X509Ptr make_certificate(EVP_PKEY& key, const std::string& common_name, std::tim
   ERR_clear_error();
   X509Ptr certificate(X509_new());
   require(certificate != nullptr, "X509_new failed");
-  require(X509_set_version(certificate.get(), X509_VERSION_3), "X509_set_version failed");
-  set_serial(*certificate);
-  set_validity(*certificate, now);
-  require(X509_set_pubkey(certificate.get(), &key), "X509_set_pubkey failed");
-  set_names(*certificate, common_name);
-  add_alternative_names(*certificate);
-  require(X509_sign(certificate.get(), &key, EVP_sha256()), "X509_sign failed");
+  try {
+    fill_certificate(*certificate, key, common_name, now);
+  } catch (...) {
+    keep_unfinished(certificate.release());
+    throw;
+  }
   return certificate;
 }
 
