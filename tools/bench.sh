@@ -24,7 +24,7 @@ need_packages "${build_packages[@]}" libbenchmark-dev ninja-build curl git
 use_preset bench
 # The benchmarks of single parts: those of what the lock is held for, then the yardsticks.
 locked=(refresh history_window activity)
-yardsticks=(log_reader all_txt message country heard_callsigns spot_queue rate_index history_reader
+yardsticks=(log_reader all_txt message country heard_callsigns spot_queue rate_series history_reader
   activity_document activity_answer)
 benches=("${locked[@]}" "${yardsticks[@]}")
 build corvane-spot-server sample_station limit_start constant_body written_body starts poll clients \

@@ -24,8 +24,11 @@ from pathlib import Path
 STEMS = [
     "spots/all_txt", "spots/message", "spots/callsign", "spots/mode", "spots/cty", "spots/country",
     "spots/log_reader", "spots/spot_queue", "history/history_reader", "api/band_plan",
-    "api/rate_index", "api/token_gate", "server/settings", "server/json_text",
+    "api/rate_index", "api/rate_series", "api/token_gate", "server/settings", "server/json_text",
 ]
+
+# Programs of a neighbour that exercise a stem as much as its own do.
+NEIGHBOURS = {"api/rate_index": ["rate_series_fuzz", "rate_series_test"]}
 
 # What stands between blanks in code laid out by clang-format, so that no template is meant.
 SWAPS = {
@@ -91,8 +94,8 @@ class Workshop:
         """The replay of the corpus of a stem, which ends sooner, and its test."""
         name = stem.split("/")[1]
         source = self.checkout / "src" / stem
-        return [name + kind for kind in ("_fuzz", "_test")
-                if Path(f"{source}{kind}.cpp").exists()]
+        own = [name + kind for kind in ("_fuzz", "_test") if Path(f"{source}{kind}.cpp").exists()]
+        return own + NEIGHBOURS.get(stem, [])
 
     def build_programs(self):
         programs = [program for stem in STEMS for program in self.programs(stem)]

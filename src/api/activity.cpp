@@ -12,6 +12,8 @@
 #include <vector>
 
 #include "api/band_plan.hpp"
+#include "api/rate_index.hpp"
+#include "api/rate_series.hpp"
 #include "spots/mode.hpp"
 
 namespace spotserver {

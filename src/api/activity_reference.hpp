@@ -18,6 +18,7 @@
 #include "api/activity.hpp"
 #include "api/band_plan.hpp"
 #include "api/rate_index_reference.hpp"
+#include "api/rate_series.hpp"
 #include "byte_script.hpp"
 #include "spots/heard_callsigns_reference.hpp"
 #include "spots/mode.hpp"

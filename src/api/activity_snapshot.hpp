@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "api/rate_index.hpp"
+#include "api/rate_series.hpp"
 
 namespace spotserver {
 

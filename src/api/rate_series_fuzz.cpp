@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <vector>
 
-#include "api/rate_index_reference.hpp"
+#include "api/rate_series_reference.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::vector<std::uint8_t> script(data, data + size);  // exactly its size: overruns show

@@ -8,6 +8,7 @@
 
 #include "api/band_plan.hpp"
 #include "api/rate_index.hpp"
+#include "api/rate_series.hpp"
 #include "spots/mode.hpp"
 
 namespace launcher {
