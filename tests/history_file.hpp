@@ -54,11 +54,8 @@ class HistoryFile {
   }
 
   void exec(const std::string& sql) {
-    char* message = nullptr;
-    if (sqlite3_exec(database_.get(), sql.c_str(), nullptr, nullptr, &message) == SQLITE_OK) return;
-    const std::string text = message != nullptr ? message : "?";
-    sqlite3_free(message);
-    throw std::runtime_error(sql + ": " + text);
+    if (sqlite3_exec(database_.get(), sql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK) return;
+    throw std::runtime_error(sql + ": " + sqlite3_errmsg(database_.get()));
   }
 
   void add(const MinuteRow& row) {

@@ -14,6 +14,7 @@
 
 #include "server/linger.hpp"
 #include "server/mutex.hpp"
+#include "server/owned.hpp"
 #include "server/parsing_turn.hpp"
 #include "server/stack_thread.hpp"
 #include "server/waiting_line.hpp"
@@ -25,6 +26,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Time = ConnectionSlot::Time;
 using Job = WaitingLine::Job;
+using SslPtr = std::unique_ptr<SSL, With<SSL_free>>;
 
 // The library matches a Range header with a recursive regular expression: 8 KB of header take
 // 4 MB of stack. Threads must not depend on the stack limit the service was started with.
@@ -156,15 +158,11 @@ struct Connections::Core {
     try {
       job();
     } catch (...) {
-      int fd = -1;
-      SSL* ssl = nullptr;
-      {
-        MutexLock lock(mutex);
-        fd = std::exchange(worker.slot.fd, -1);
-        ssl = std::exchange(worker.slot.ssl, nullptr);
-      }
-      if (ssl) SSL_free(ssl);
-      if (fd >= 0) ::close(fd);
+      Fd socket;  // closed behind its connection
+      SslPtr connection;
+      MutexLock lock(mutex);
+      socket = Fd(std::exchange(worker.slot.fd, -1));
+      connection.reset(std::exchange(worker.slot.ssl, nullptr));
     }
   }
 

@@ -114,10 +114,7 @@ std::ptrdiff_t openDescriptors() {
 
 // Stands for the library, which has accepted a connection and throws while it reads.
 TEST_F(ConnectionQueue, AJobThatThrowsLeavesNoConnectionOpen) {
-  struct Free {
-    void operator()(SSL_CTX* context) const { SSL_CTX_free(context); }
-  };
-  const std::unique_ptr<SSL_CTX, Free> context(SSL_CTX_new(TLS_server_method()));
+  const std::unique_ptr<SSL_CTX, With<SSL_CTX_free>> context(SSL_CTX_new(TLS_server_method()));
   Connections connections{smallLimits()};
   connections.watch(context.get());
   connections.start();

@@ -188,10 +188,9 @@ class HttpService::Server : public httplib::SSLServer {
   // Whether it was there to be taken. The library's own stop() asserts that it is called once.
   bool takeListener() noexcept {
     if (!is_running()) return false;
-    const auto listener = svr_sock_.exchange(INVALID_SOCKET);
-    if (listener == INVALID_SOCKET) return false;
-    ::shutdown(listener, SHUT_RDWR);
-    ::close(listener);
+    const Fd listener(svr_sock_.exchange(INVALID_SOCKET));
+    if (!listener) return false;
+    ::shutdown(listener.get(), SHUT_RDWR);
     return true;
   }
 

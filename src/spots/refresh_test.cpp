@@ -1015,7 +1015,6 @@ TEST_F(Refresh, ThirtyDaysOfOddHistoryFrequenciesAreHeldAsOneDay) {
   }
   EXPECT_EQ(data.intervals.size(), kDay);
   EXPECT_EQ(ratesHeld(data, -kEver).size(), kDay);
-  printf("%zu %zu\n", early, bytesInUse());  // TMP
   if (kMemoryIsOurs) {
     EXPECT_LT(bytesInUse(), early + early / 10);
   }
