@@ -13,9 +13,10 @@
 namespace spotserver {
 namespace {
 
+// The library's own look-up ends at a NUL, and so would a token.
 std::optional<std::string> firstHeader(const httplib::Request& request, const char* name) {
-  if (!request.has_header(name)) return std::nullopt;
-  return request.get_header_value(name);
+  const auto [begin, end] = request.headers.equal_range(name);
+  return begin == end ? std::nullopt : std::optional(begin->second);
 }
 
 struct Refusal {

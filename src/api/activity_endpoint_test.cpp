@@ -109,6 +109,19 @@ TEST(Authorize, RightTokenPassesWithoutTouchingTheResponse) {
   EXPECT_TRUE(response.headers.empty());
 }
 
+TEST(Authorize, ATokenDoesNotEndAtANul) {
+  const std::string token("right\0x", 7);
+  for (const char* name : {"Authorization", "X-Spot-Token"}) {
+    const std::string prefix = name == std::string("Authorization") ? "Bearer " : "";
+    httplib::Request request = requestFrom("192.0.2.7");
+    request.headers.emplace(name, prefix + token);
+    TokenThrottle throttle;
+    httplib::Response response;
+    EXPECT_TRUE(authorize(request, response, throttle, token)) << name;
+    EXPECT_FALSE(authorize(request, response, throttle, "right")) << name;
+  }
+}
+
 TEST(Authorize, OnlyTheFirstAuthorizationHeaderCounts) {
   TokenThrottle throttle;
   auto request = requestFrom("192.0.2.10");

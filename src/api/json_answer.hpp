@@ -13,8 +13,12 @@
 namespace spotserver {
 
 // Makes `body` the body of the answer, to be sent as it is, apart from byte ranges, which the
-// library cuts out. `body` is moved, not copied. The answer needs finishJson before it leaves.
+// library cuts out; of an answer whose status says an error it cuts none. `body` is moved, not
+// copied. The answer needs finishJson before it leaves.
 void setJson(const httplib::Request& request, httplib::Response& response, std::string body);
+
+// Makes the library send the whole body, whatever ranges of it the request asks for.
+void dropRanges(const httplib::Request& request);
 
 // To be called from the library's post-routing handler, with every answer: those of setJson get
 // "Content-Type: application/json", others are left alone.

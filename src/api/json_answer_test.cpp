@@ -36,6 +36,19 @@ TEST(JsonAnswer, SeveralRangesNameTheTypeInEachPart) {
   EXPECT_EQ(typeOf(response), "application/json");
 }
 
+TEST(JsonAnswer, AnErrorIsSentWhole) {
+  for (const int status : {401, 404, 429, 500}) {
+    httplib::Request request;
+    request.ranges = {{0, 1}, {2, 3}};
+    httplib::Response response;
+    response.status = status;
+    setJson(request, response, "{\"error\":\"x\"}");
+    EXPECT_TRUE(request.ranges.empty()) << status;
+    finishJson(response);
+    EXPECT_EQ(typeOf(response), "application/json") << status;
+  }
+}
+
 TEST(JsonAnswer, OtherTypesAreLeftAlone) {
   httplib::Response response;
   finishJson(response);

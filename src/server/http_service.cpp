@@ -83,16 +83,9 @@ bool isListening(const Fd& socket) {
 
 using Verdict = httplib::Server::HandlerResponse;
 
-// A server may answer with the whole document instead.
-void dropImmodestRanges(const httplib::Request& request) {
-  if (areModest(request.ranges)) return;
-  // The library only hides that its request may be changed here.
-  const_cast<httplib::Request&>(request).ranges.clear();
-}
-
 // The one gate in front of routing.
 Verdict passGate(const httplib::Request& request, httplib::Response& response) {
-  dropImmodestRanges(request);
+  if (!areModest(request.ranges)) dropRanges(request);  // a server may answer with the whole
   const auto verdict = judgeBody(request);
   if (verdict == BodyVerdict::kRead) {
     Connections::headComplete();

@@ -44,7 +44,7 @@ TEST(Access, RightTokensInAllTheirPlaces) {
 }
 
 TEST(Access, ATokenWithPercentSignsIsTakenAsItStands) {
-  for (const std::string token : {"a%41b", "p+q%", "100%25"}) {
+  for (const std::string token : {"a%41b", "p+q%", "100%25", "a%00b"}) {
     const Station station;
     ServerProcess server = station.serve({"--token", token});
     EXPECT_EQ(ask(station, bearer(token)).status, 200) << token;
@@ -67,6 +67,9 @@ TEST(Access, WrongTokens) {
       {{"Authorization", token}},
       {{"Authorization", "Bearer " + token.substr(0, token.size() - 1)}},
       {{"Authorization", "Bearer " + token + "x"}},
+      {{"Authorization", "Bearer " + token + "%00"}},
+      {{"X-Spot-Token", token + "%00garbage"}},
+      {{"X-Spot-Token", token + std::string("\0x", 2)}},
       {{"Authorization", "Bearer wrong"}, {"X-Spot-Token", token}},
       {{"X-Spot-Token", ""}},
       {{"X-Spot-Token", "Bearer " + token}},

@@ -174,6 +174,29 @@ TEST(Http, RangesAreTheLibrarysAffair) {
   EXPECT_EQ(activity.body, "\"generated\"");
 }
 
+TEST(Http, ErrorsComeWholeWhateverTheRange) {
+  const Station station;
+  ServerProcess server = station.serve();
+  int last = 0;
+  for (const char* range : {"bytes=0-3", "bytes=1000-", "bytes=0-0,3-4", "bytes=-5"}) {
+    SCOPED_TRACE(range);
+    const Headers headers = {{"Range", range}};
+    const std::string peer = "127.0.2." + std::to_string(++last);
+    const auto expectError = [&](const std::string& path, int status, const std::string& body) {
+      const Response answer = station.get(path, headers, peer);
+      EXPECT_EQ(answer.status, status);
+      EXPECT_EQ(answer.body, body);
+      EXPECT_EQ(answer.header("Content-Type"), "application/json");
+      EXPECT_EQ(answer.header("Content-Range"), "");
+    };
+    expectError("/nope", 404, "{\"error\":\"not found\"}");
+    for (int n = 0; n < 5; ++n) {
+      expectError(kActivityPath, 401, "{\"error\":\"unauthorized\"}");
+    }
+    expectError(kActivityPath, 429, "{\"error\":\"too many wrong tokens, try again in a minute\"}");
+  }
+}
+
 TEST(Http, AFewRangesComeAsParts) {
   const Station station;
   ServerProcess server = station.serve();
