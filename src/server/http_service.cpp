@@ -14,6 +14,7 @@
 
 #include "api/activity_endpoint.hpp"
 #include "api/json_answer.hpp"
+#include "server/bind_address.hpp"
 #include "server/json_text.hpp"
 #include "server/owned.hpp"
 #include "server/request_gate.hpp"
@@ -196,7 +197,7 @@ HttpService::HttpService(const ServerSettings& settings, SpotStore& store, const
                          const std::string& fingerprint, const ConnectionLimits& limits)
     : connections_(withinDescriptors(limits), [&store] { store.interrupt(); }),
       server_(makeServer<Server>(settings)),
-      bind_address_(settings.bind),
+      host_(settings.bind),
       port_(settings.port) {
   std::signal(SIGPIPE, SIG_IGN);
   if (!valid()) return;
@@ -243,7 +244,7 @@ HttpService::~HttpService() = default;
 bool HttpService::valid() const { return server_ != nullptr; }
 
 bool HttpService::bind() {
-  if (!server_->bind_to_port(bind_address_, port_)) return false;
+  if (!server_->bind_to_port(bind_address(host_), port_)) return false;
   server_->widenBacklog();
   return true;
 }

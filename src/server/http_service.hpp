@@ -66,7 +66,7 @@ class HttpService {
   TokenThrottle throttle_;
   Connections connections_;
   std::unique_ptr<Server> server_;
-  std::string bind_address_;
+  std::string host_;
   int port_;
   int runs_ = 0;  // of the library's accept loop
   std::atomic<bool> stopped_ = false;

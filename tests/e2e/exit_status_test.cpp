@@ -173,6 +173,16 @@ TEST(ExitStatus, SecondInstanceOnAllInterfaces) {
                 "Failed to bind https://0.0.0.0:" + station.portText());
 }
 
+// "localhost", or no name at all, stands for ::1 and 127.0.0.1.
+TEST(ExitStatus, SecondInstanceOnAHostOfTwoAddresses) {
+  for (const std::string host : {"localhost", ""}) {
+    const Station station;
+    ServerProcess first = station.serve({"--bind", host});
+    expectFailure(runToEnd(station.usualLaunch({"--bind", host})),
+                  "Failed to bind https://" + host + ":" + station.portText());
+  }
+}
+
 TEST(ExitStatus, PortHeldByAnotherProgram) {
   const Station station;
   const Station neighbour;
