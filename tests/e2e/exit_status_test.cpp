@@ -150,6 +150,24 @@ TEST(ExitStatus, TlsThatNobodyCouldTalkTo) {
   expectFailure(runToEnd(launch), "Failed to initialise TLS server (bad certificate or key?)");
 }
 
+// What the system asks of clients by itself, certificates that can be verified or groups of old, is
+// no reason not to serve.
+TEST(ExitStatus, TlsSettingsThatOnlyClientsMindAreNone) {
+  for (const std::string demand : {"VerifyMode = Peer", "Groups = ffdhe2048"}) {
+    const Station station;
+    writeFile(station.workFile("openssl.cnf"),
+              "openssl_conf = all\n[all]\nssl_conf = tls\n[tls]\nsystem_default = contexts\n"
+              "[contexts]\n" +
+                  demand + "\n");
+    Launch launch = station.usualLaunch();
+    launch.environment["OPENSSL_CONF"] = station.workFile("openssl.cnf");
+    ServerProcess server(launch);
+    server.awaitOutput("Press Ctrl-C");
+    server.signal(SIGTERM);
+    EXPECT_EQ(server.waitForExit(), 0) << demand;
+  }
+}
+
 TEST(ExitStatus, SecondInstanceOnThePort) {
   const Station station;
   ServerProcess first = station.serve({"--pid-file", "first.pid"});
