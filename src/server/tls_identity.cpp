@@ -172,7 +172,11 @@ void save_key(const EVP_PKEY& key, const std::string& path) {
 
 // What a link or a device of the user's stands for is written to, and so is a file that we may
 // write in a directory that we may not.
+// What we may not write stays.
 std::optional<WriteFailure> replace_file(const std::string& path, std::string_view text) {
+  if (exists(path) && ::faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) != 0) {
+    return WriteFailure{WriteFailure::Step::kCreate, errno};
+  }
   if (is_plain_name(path)) {
     const auto failed = write_atomically(path, text, {.suffix = kTemporary, .mode = 0666});
     if (!failed || failed->step == WriteFailure::Step::kWrite || !exists(path)) return failed;

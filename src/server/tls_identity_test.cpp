@@ -375,6 +375,16 @@ TEST(TlsIdentity, AFifoInPlaceOfTheCertificateIsNotWaitedFor) {
             "Cannot write certificate: " + dir.path("c"));
 }
 
+TEST(TlsIdentity, AWriteProtectedCertificateStaysAsItIs) {
+  const AsOrdinaryUser user;
+  const TempDir dir;
+  dir.write("c", "from an authority");
+  ::chmod(dir.path("c").c_str(), 0444);
+  EXPECT_EQ(errorOf([&] { ensure_tls_identity(dir.path("c"), dir.path("k"), "x"); }),
+            "Cannot write certificate: " + dir.path("c"));
+  EXPECT_EQ(contentOf(dir.path("c")), "from an authority");
+}
+
 TEST(TlsIdentity, AnUnreadableCertificateIsNamed) {
   const AsOrdinaryUser user;
   const TempDir dir;
