@@ -143,11 +143,11 @@ std::vector<std::uint32_t> heardChannels(const std::vector<ChannelLog>& logs) {
   return ids;
 }
 
-// Whether every channel is a source of its own whose intervals come in order, as they do in a log
-// that nobody has edited.
+// Whether every channel is a source of its own, on a frequency that is a number, whose intervals
+// come in order, as they do in a log that nobody has edited.
 bool areInOrder(const std::vector<ChannelLog>& logs, const std::vector<std::uint32_t>& ids) {
   for (std::size_t i = 0; i < ids.size(); ++i) {
-    if (!logs[ids[i]].in_order) return false;
+    if (!logs[ids[i]].in_order || !std::isfinite(logs[ids[i]].frequency)) return false;
     if (i > 0 && areOneSource(logs[ids[i - 1]], logs[ids[i]])) return false;
   }
   return true;

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <iterator>
+#include <limits>
 #include <set>
 #include <span>
 #include <string>
@@ -198,10 +199,11 @@ class ActivityScript {
 
   void chooseChannels() {
     // The last ones share their name with the first of theirs, or lie across a band's end.
+    static constexpr double kInfinity = std::numeric_limits<double>::infinity();
     static constexpr double kFrequencies[] = {
         14'074'000, 7'074'000,     14'080'000,   13'500'000,   2'200'000,     1'840'000,
         50'313'000, 4e8,           14'074'000.5, 7'073'999.75, 14'349'999.75, 14'350'000,
-        1e300,      14'350'000.25, 0.0,          -0.0};
+        1e300,      14'350'000.25, 0.0,          -0.0,         kInfinity,     -kInfinity};
     dials_.resize(1 + script_.below(8));
     for (Dial& dial : dials_) {
       dial = {kFrequencies[script_.below(std::size(kFrequencies))],

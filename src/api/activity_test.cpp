@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <random>
 #include <span>
 #include <stdexcept>
@@ -25,6 +26,7 @@ using testing::IsEmpty;
 constexpr double kNow = 1'763'175'600;  // a whole minute
 constexpr double k20m = 14'074'000;
 constexpr double k40m = 7'074'000;
+constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
 void addSpots(SpotData& data, double time, double frequency, int mode, int count) {
   for (int i = 0; i < count; ++i) {
@@ -123,6 +125,23 @@ TEST(BuildActivity, ChannelsCloserThanTheirTextRateByTheLowerFrequency) {
   EXPECT_EQ(snapshot.window_spots, 7u);
   EXPECT_EQ(snapshot.window_intervals, 2u);
   EXPECT_EQ(snapshot.bands.at(0).rate_now, 2 * 3600 / 15);
+}
+
+// A log may say 1e303 MHz, which is no number of hertz.
+TEST(BuildActivity, AFrequencyThatIsNoNumberIsCountedButDoesNotRate) {
+  for (const double frequency : {kInfinity, -kInfinity}) {
+    SpotData data;
+    addSpots(data, kNow - 30, frequency, kFt8, 2);
+    addSpots(data, kNow - 15, k20m, kFt8, 12);
+    const ActivitySnapshot snapshot = buildActivity(data, 1, 3, kNow);
+    EXPECT_EQ(snapshot.window_intervals, 2u);
+    ASSERT_EQ(snapshot.bands.size(), 2u);
+    for (const BandView& band : snapshot.bands) {
+      EXPECT_EQ(band.rate_now.has_value(), band.id == "20m") << band.id;
+      EXPECT_EQ(band.points.back().rate, band.rate_now) << band.id;
+      EXPECT_EQ(band.intervals, 1u) << band.id;
+    }
+  }
 }
 
 TEST(BuildActivity, TheWindowIncludesBothItsEnds) {
@@ -384,10 +403,11 @@ void expectPlainCounts(unsigned seed, bool tidy, std::span<const double> frequen
 }
 
 TEST(BuildActivity, AgreesWithPlainCountingOverRandomDays) {
-  // Some lie closer than a name tells, on both sides of a band's end, too; and the two zeros.
-  constexpr double kFrequencies[] = {
-      k20m,       k20m + 6000,   k40m,        13'500'000,  2'200'000,    50'313'000, 14'349'999.8,
-      14'350'000, 14'350'000.25, k40m + 0.25, k40m - 0.25, 13'500'000.3, 0.0,        -0.0};
+  // Some lie closer than a name tells, on both sides of a band's end, too; and two are no numbers.
+  constexpr double kFrequencies[] = {k20m,          k20m + 6000, k40m,         13'500'000,
+                                     2'200'000,     50'313'000,  14'349'999.8, 14'350'000,
+                                     14'350'000.25, k40m + 0.25, k40m - 0.25,  13'500'000.3,
+                                     0.0,           -0.0,        kInfinity,    -kInfinity};
   for (unsigned seed = 0; seed < 150; ++seed) expectPlainCounts(seed, false, kFrequencies);
 }
 
