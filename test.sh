@@ -15,7 +15,7 @@ source "$checkout/tools/setup.bash"
 warnings_are_errors=OFF
 [[ ${CI:-} != true ]] || warnings_are_errors=ON
 
-need_packages "${build_packages[@]}" "${test_packages[@]}" clang-format faketime valgrind
+need_packages "${build_packages[@]}" "${test_packages[@]}" "${suite_packages[@]}"
 configure -D BUILD_TESTING=ON -D SPOT_WERROR=$warnings_are_errors
 build
 ctest --test-dir "$build" --output-on-failure --no-tests=error --parallel "$(nproc)" "$@"

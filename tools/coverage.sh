@@ -40,7 +40,8 @@ unreached_lines() {
     /^DA:/ && $3 == 0 { printf "%s:%d:%s\n", file, $2, text[$2] }'
 }
 
-need_packages "${build_packages[@]}" "${test_packages[@]}" ninja-build clang llvm-14
+need_packages "${build_packages[@]}" "${test_packages[@]}" "${suite_packages[@]}" ninja-build clang \
+  llvm-14
 use_preset coverage
 build
 # The counters of the last run would be added to.

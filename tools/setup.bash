@@ -5,6 +5,8 @@ build=$checkout/build
 build_packages=(g++ make cmake pkgconf libcpp-httplib-dev libssl-dev libsqlite3-dev
   zlib1g-dev libbrotli-dev)
 test_packages=(libgtest-dev libgmock-dev)
+# What running every test takes besides.
+suite_packages=(clang-format faketime locales-all valgrind)
 
 # Messages go to standard error: standard output belongs to the server.
 say() { printf '%s\n' "$*" >&2; }

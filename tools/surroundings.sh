@@ -13,7 +13,7 @@ checkout=$(dirname -- "$(dirname -- "$(realpath -- "${BASH_SOURCE[0]}")")")
 # shellcheck source=tools/setup.bash
 source "$checkout/tools/setup.bash"
 
-need_packages "${build_packages[@]}" libgtest-dev libgmock-dev clang-format faketime locales valgrind
+need_packages "${build_packages[@]}" "${test_packages[@]}" "${suite_packages[@]}" tzdata
 is_configured || configure -D BUILD_TESTING=ON
 build
 
@@ -33,8 +33,9 @@ run_tests() {
 }
 
 for locale in de_DE tr_TR; do
+  # Without it the run would be one of the C locale.
   locale -a | grep -qi "^$locale.utf-\?8$" ||
-    say "The locale $locale.UTF-8 is not installed: its run is one of the C locale."
+    { say "The locale $locale.UTF-8 is missing: install the package locales-all."; exit 1; }
   run_tests "locale $locale" "LC_ALL=$locale.UTF-8" -- "$@"
 done
 run_tests "time zone of Chatham" TZ=Pacific/Chatham -- "$@"

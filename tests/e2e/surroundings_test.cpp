@@ -1,20 +1,34 @@
 // Where and how the server is started must not matter: locale, time zone, descriptors, umask.
 #include <csignal>
 #include <filesystem>
+#include <memory>
+#include <type_traits>
 
 #include <gtest/gtest.h>
+#include <locale.h>
 
 #include "e2e/activity_model.hpp"
 #include "e2e/station.hpp"
+#include "server/owned.hpp"
 
 namespace spotserver::e2e {
 namespace {
 
+using LocalePtr = std::unique_ptr<std::remove_pointer_t<locale_t>, With<freelocale>>;
+
+constexpr const char* kComma = "de_DE.UTF-8";  // a locale with a decimal comma
+
+// A locale that is not installed is the C locale, in which nothing could go wrong.
+bool isInstalled(const char* locale) {
+  return LocalePtr(newlocale(LC_ALL_MASK, locale, nullptr)) != nullptr;
+}
+
 TEST(Surroundings, LocaleAndTimeZoneDoNotMatter) {
+  ASSERT_TRUE(isInstalled(kComma)) << "install the package locales-all";
   const std::map<std::string, std::string> cases[] = {
-      {{"LC_ALL", "de_DE.UTF-8"}},
+      {{"LC_ALL", kComma}},
       {{"LC_ALL", "no_SUCH.LOCALE"}, {"LANG", "xx"}},
-      {{"LC_NUMERIC", "de_DE.UTF-8"}, {"LANG", "de_DE.UTF-8"}},
+      {{"LC_NUMERIC", kComma}, {"LANG", kComma}},
       {{"TZ", "XYZ-13:45"}},
       {{"TZ", "America/St_Johns"}},
       {{"TZ", ":no/such/zone"}},
@@ -41,9 +55,10 @@ TEST(Surroundings, LocaleAndTimeZoneDoNotMatter) {
 }
 
 TEST(Surroundings, CommaIsNoDecimalPointWhateverTheLocale) {
+  ASSERT_TRUE(isInstalled(kComma)) << "install the package locales-all";
   const Station station;
   Launch launch = station.usualLaunch({"--reload", "0,5"});
-  launch.environment["LC_ALL"] = "de_DE.UTF-8";
+  launch.environment["LC_ALL"] = kComma;
   const Outcome outcome = runToEnd(launch);
   EXPECT_EQ(outcome.status, 2);
   EXPECT_EQ(outcome.errors, "Configuration error: Invalid reload interval: 0,5\n");
