@@ -16,8 +16,8 @@ source "$checkout/tools/setup.bash"
 filter=${1:-*}
 every=${2:-1}
 
-need_packages "${build_packages[@]}" libgtest-dev libgmock-dev
-is_configured || configure -D BUILD_TESTING=ON
+need_packages "${build_packages[@]}" "${test_packages[@]}"
+configure -D BUILD_TESTING=ON
 build faults_test
 
 shards=$(nproc)

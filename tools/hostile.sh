@@ -11,7 +11,7 @@ checkout=$(dirname -- "$(dirname -- "$(realpath -- "${BASH_SOURCE[0]}")")")
 # shellcheck source=tools/setup.bash
 source "$checkout/tools/setup.bash"
 
-need_packages "${build_packages[@]}" libgtest-dev libgmock-dev
-is_configured || configure -D BUILD_TESTING=ON
+need_packages "${build_packages[@]}" "${test_packages[@]}"
+configure -D BUILD_TESTING=ON
 build hostile_measure
 exec "$build/hostile_measure" "$@"

@@ -15,6 +15,6 @@ source "$checkout/tools/setup.bash"
 seconds=$(in_seconds "${1:?Usage: tools/soak.sh MINUTES [options]}")
 shift
 need_packages "${build_packages[@]}" "${test_packages[@]}"
-configure
+configure -D BUILD_TESTING=ON
 build soak
 exec "$build/soak" --seconds "$seconds" "$@"

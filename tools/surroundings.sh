@@ -14,7 +14,7 @@ checkout=$(dirname -- "$(dirname -- "$(realpath -- "${BASH_SOURCE[0]}")")")
 source "$checkout/tools/setup.bash"
 
 need_packages "${build_packages[@]}" "${test_packages[@]}" "${suite_packages[@]}" tzdata
-is_configured || configure -D BUILD_TESTING=ON
+configure -D BUILD_TESTING=ON
 build
 
 failed=()
