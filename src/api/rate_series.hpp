@@ -30,6 +30,7 @@ struct RatePoint {
 // the band's longest interval, whichever is longer; shorter while the band is younger than that.
 // Looks back over (t - window, t]: an interval ending exactly at t counts, one ending exactly at
 // t - window does not.
+//   rate = 3600 * sum of counts / min(t - first_start, max(longest interval, smoothing))    [s]
 // Empty: unknown band, or nothing that ended within the window and within the last 75 s (longest
 // interval + 15 s when that is more).
 // Throws std::invalid_argument "Smoothing must be 1..40 minutes".

@@ -1,7 +1,8 @@
-// Decode intervals from the receivers' SQLite history, which this program only ever reads.
+// Decode intervals from the SQLite history that the station's receivers write. The schema is
+// theirs; this program only ever reads it.
 //
-// The receivers keep one row per receiver, dial frequency, mode and minute in the table `minutes`
-// (PRAGMA user_version at most 2):
+// They keep one row per receiver, dial frequency, mode and minute in the table `minutes` (PRAGMA
+// user_version at most 2):
 //
 //   receiver   TEXT     the receiver's name, not NULL
 //   frequency  INTEGER  dial frequency, Hz

@@ -1,5 +1,5 @@
-// JSON written as text. A body is one growing string: fixed fragments that already hold the
-// punctuation and the keys are appended in place, and these helpers supply the variable parts.
+// JSON (RFC 8259) written as text. A body is one growing string: fixed fragments that already hold
+// the punctuation and the keys are appended in place, and these helpers supply the variable parts.
 //   std::string body = "{\"mode\":";
 //   json_quote(body, mode);
 //   body += ",\"rate\":" + json_number(3, rate) + "}";

@@ -28,6 +28,7 @@ constexpr char toUpper(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>
 bool isValidCallsign(std::string_view text);
 bool isCallsignInAnyCase(std::string_view text);
 
+// The Maidenhead locator system, as the IARU uses it.
 // 4, 6 or 8 characters: two letters A-R and two digits, then two letters A-X, then two digits.
 bool isValidGrid(std::string_view text);
 bool isGridInAnyCase(std::string_view text);

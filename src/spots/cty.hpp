@@ -1,5 +1,6 @@
 // The cty.dat country file: which entity (country) a callsign prefix or a single callsign belongs
 // to, with its CQ zone, ITU zone and continent.
+// Format: the country file that contest loggers use, published at country-files.com.
 #pragma once
 
 #include <cstddef>
