@@ -55,11 +55,6 @@ stop_all() {
 }
 trap stop_all EXIT
 
-# A port on which nobody listens, in $port.
-free_port() {
-  while port=$((20000 + RANDOM % 20000)); (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; do :; done
-}
-
 # start READY PROGRAM...: waits until it has printed a line that begins so; its number in $pid.
 start() {
   local line fd wanted=$1

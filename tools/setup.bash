@@ -75,6 +75,11 @@ use_preset() {
   (cd -- "$checkout" && cmake --preset "$1") >&2
 }
 
+# A port on which nobody listens, in $port.
+free_port() {
+  while port=$((20000 + RANDOM % 20000)); (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; do :; done
+}
+
 # Minutes, a fraction allowed, as whole seconds.
 in_seconds() {
   awk -v minutes="$1" 'BEGIN { if (minutes <= 0) exit 1; print int(minutes * 60 + 0.5) }' ||
