@@ -101,7 +101,7 @@ void generateDemoSpots(SpotData& data, double now) {
 }
 
 void generateDemoSpots(SpotStore& store, double now) {
-  const SpotStore::Held held(store);
+  const auto held = store.lock();
   generateDemoSpots(*held, now);
 }
 

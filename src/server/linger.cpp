@@ -7,7 +7,7 @@
 
 namespace spotserver {
 
-void linger(int fd, SSL* ssl, std::chrono::milliseconds patience) {
+void linger(int fd, SSL* ssl, std::chrono::milliseconds patience) noexcept {
   using Clock = std::chrono::steady_clock;
   SSL_shutdown(ssl);
   ::shutdown(fd, SHUT_WR);

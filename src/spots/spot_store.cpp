@@ -11,18 +11,16 @@ SpotStore::Held SpotStore::refresh(double now, double min_interval) noexcept {
   const std::uint64_t before = long_refreshes_;
   waitForTurn(before);
   if (long_refreshes_ == before) refreshLocked(now, min_interval);
-  return {*this, std::adopt_lock};
+  return held();
 }
 
-void SpotStore::waitForTurn(std::uint64_t long_refreshes) SPOT_NO_THREAD_SAFETY_ANALYSIS {
+void SpotStore::waitForTurn(std::uint64_t long_refreshes) {
   auto& same = waiting_[long_refreshes % 2];
   const auto& others = waiting_[(long_refreshes + 1) % 2];
   ++same;
   mutex_.lock();
-  std::unique_lock hold(mutex_.native(), std::adopt_lock);
-  while (long_refreshes_ == long_refreshes && others != 0) served_.wait(hold);
-  if (--same == 0) served_.notify_all();
-  hold.release();  // stays locked
+  while (long_refreshes_ == long_refreshes && others != 0) served_.wait(mutex_);
+  if (--same == 0) served_.notifyAll();
 }
 
 void SpotStore::refreshLocked(double now, double min_interval) {

@@ -4,10 +4,8 @@
 #include <array>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <stop_token>
 #include <utility>
 
@@ -38,33 +36,33 @@ class SpotStore {
       : refresh_(std::move(refresh)), long_refresh_(long_refresh) {}
 
   // The only way to the data; the store is locked while one lives. A thread that holds one must not
-  // call lock or refresh. Clang's analysis cannot follow a guard that is returned, hence the
-  // exceptions; that the data is not touched without the lock is what this class is for.
+  // call lock or refresh.
   class Held {
    public:
-    explicit Held(SpotStore& store) SPOT_NO_THREAD_SAFETY_ANALYSIS : store_(store) {
-      store_.mutex_.lock();
-    }
-    ~Held() SPOT_NO_THREAD_SAFETY_ANALYSIS { store_.mutex_.unlock(); }
+    ~Held() SPOT_NO_THREAD_SAFETY_ANALYSIS { mutex_.unlock(); }
     Held(const Held&) = delete;
     Held& operator=(const Held&) = delete;
-    SpotData& operator*() const SPOT_NO_THREAD_SAFETY_ANALYSIS { return store_.data_; }
-    SpotData* operator->() const SPOT_NO_THREAD_SAFETY_ANALYSIS { return &store_.data_; }
+    SpotData& operator*() const { return data_; }
+    SpotData* operator->() const { return &data_; }
 
    private:
     friend class SpotStore;
-    Held(SpotStore& store, std::adopt_lock_t /*locked*/) noexcept : store_(store) {}
+    Held(Mutex& locked, SpotData& data) noexcept : mutex_(locked), data_(data) {}
 
-    SpotStore& store_;
+    Mutex& mutex_;
+    SpotData& data_;
   };
 
   // Waits for whoever holds the store, a refresh included.
-  Held lock() { return Held(*this); }
+  Held lock() {
+    mutex_.lock();
+    return held();
+  }
 
   // Locks the store, refreshes it (refreshSpots) and returns it still locked, so that the answer is
   // made of what was just read. `now` in UTC epoch seconds, `min_interval` in seconds. Reads
   // nothing when a refresh of another thread has taken a second or more of the time it waited.
-  Held refresh(double now, double min_interval) noexcept SPOT_NO_THREAD_SAFETY_ANALYSIS;
+  Held refresh(double now, double min_interval) noexcept;
 
   // Ends a read under way, now and for good: later refreshes leave everything as it is. Any thread,
   // any number of times; takes no lock.
@@ -76,6 +74,11 @@ class SpotStore {
   std::uint64_t longRefreshes() const { return long_refreshes_; }
 
  private:
+  // Clang's analysis cannot follow a guard that is returned: for all it knows, whoever locked the
+  // store gives it back here.
+  Held held() noexcept SPOT_RELEASE(mutex_) SPOT_NO_THREAD_SAFETY_ANALYSIS {
+    return {mutex_, data_};
+  }
   void waitForTurn(std::uint64_t long_refreshes) SPOT_ACQUIRE(mutex_);
   void refreshLocked(double now, double min_interval) SPOT_REQUIRES(mutex_);
 
@@ -88,7 +91,7 @@ class SpotStore {
   // Threads waiting in refresh, by whether the number of long refreshes was even or odd when they
   // came.
   std::array<std::atomic<std::uint64_t>, 2> waiting_{};
-  std::condition_variable served_;
+  Condition served_;
 };
 
 }  // namespace spotserver
