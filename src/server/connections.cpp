@@ -7,13 +7,14 @@
 #include <utility>
 #include <vector>
 
-#include <openssl/bio.h>
+#include <openssl/ssl.h>
 #include <unistd.h>
 
 #include "server/linger.hpp"
 #include "server/mutex.hpp"
 #include "server/owned.hpp"
 #include "server/parsing_turn.hpp"
+#include "server/socket_watch.hpp"
 #include "server/stack_thread.hpp"
 #include "server/waiting_line.hpp"
 #include "server/worker_memory.hpp"
@@ -38,7 +39,7 @@ constexpr std::chrono::milliseconds kWatchInterval{100};
 
 struct Connections::Core {
   // A thread and what its connection is doing.
-  struct Worker {
+  struct Worker final : SocketObserver {
     explicit Worker(Core& c) : core(c) {}
 
     Core& core;
@@ -51,6 +52,7 @@ struct Connections::Core {
 
     static void* entry(void* argument) {
       current = static_cast<Worker*>(argument);
+      const ObservedThread observed(*current);
       current->workUntilStopped();
       return nullptr;
     }
@@ -108,53 +110,49 @@ struct Connections::Core {
 
     // --- what its connection reports ---
 
-    void noteHandshake(const SSL* ssl, int where) {
+    void handshakeBegan(SSL& connection) noexcept override {
       MutexLock lock(core.mutex);
-      if ((where & SSL_CB_HANDSHAKE_START) != 0 && !slot.ssl) attach(ssl);
-      if ((where & SSL_CB_HANDSHAKE_DONE) != 0 && slot.phase == Phase::kHandshake) {
-        enter(slot, Phase::kIdle, Clock::now());
-      }
-    }
-
-    void attach(const SSL* ssl) SPOT_REQUIRES(core.mutex) {
-      slot.ssl = const_cast<SSL*>(ssl);  // OpenSSL only hides that it is ours to use
-      slot.fd = SSL_get_fd(ssl);
-      BIO* bio = SSL_get_rbio(ssl);
-      if (bio == nullptr) return;  // no memory for it: the handshake fails at once
-      BIO_set_callback_arg(bio, reinterpret_cast<char*>(this));
-      BIO_set_callback_ex(bio, onSocket);
+      slot.ssl = &connection;
+      slot.fd = SSL_get_fd(&connection);
       if (core.stopping || slot.cut) cut(slot);
     }
 
-    // Returns what the callback is to return.
-    long noteSocket(BIO* bio, int operation, std::size_t bytes, int result) {
+    void handshakeDone() noexcept override {
       MutexLock lock(core.mutex);
-      // A socket that was shut down still hands out what the peer goes on sending.
-      if (slot.cut && (operation == BIO_CB_READ || operation == BIO_CB_WRITE)) {
-        BIO_clear_retry_flags(bio);
-        return -1;
+      if (slot.phase == Phase::kHandshake) enter(slot, Phase::kIdle, Clock::now());
+    }
+
+    // A socket that was shut down still hands out what the peer goes on sending.
+    bool mayRead() noexcept override {
+      MutexLock lock(core.mutex);
+      if (!slot.cut) endTurn();  // what came was not parsed yet: more is needed
+      return !slot.cut;
+    }
+
+    bool received(std::size_t bytes) noexcept override {
+      {
+        MutexLock lock(core.mutex);
+        noteReceived(core.slots, slot, core.limits, Clock::now(), bytes);
       }
-      switch (operation) {
-        case BIO_CB_READ:  // it was not parsed yet: more is needed
-          endTurn();
-          break;
-        case BIO_CB_READ | BIO_CB_RETURN:
-          if (bytes > 0) noteReceived(core.slots, slot, core.limits, Clock::now(), bytes);
-          break;
-        case BIO_CB_WRITE:
-          if (!slot.writing_since) slot.writing_since = Clock::now();
-          break;
-        case BIO_CB_WRITE | BIO_CB_RETURN:
-          if (bytes > 0) slot.writing_since.reset();
-          break;
-        case BIO_CB_FREE:  // the library closes the descriptor next: it must not be touched again
-          slot.fd = -1;
-          slot.ssl = nullptr;
-          break;
-        default:
-          break;
-      }
-      return result;
+      return takeTurn();
+    }
+
+    bool mayWrite() noexcept override {
+      MutexLock lock(core.mutex);
+      if (!slot.cut && !slot.writing_since) slot.writing_since = Clock::now();
+      return !slot.cut;
+    }
+
+    void written() noexcept override {
+      MutexLock lock(core.mutex);
+      slot.writing_since.reset();
+    }
+
+    // The library closes the descriptor next: it must not be touched again.
+    void released() noexcept override {
+      MutexLock lock(core.mutex);
+      slot.fd = -1;
+      slot.ssl = nullptr;
     }
 
     // --- what the library reports of its request ---
@@ -399,27 +397,6 @@ struct Connections::Core {
     while (left_workers < workers.size() && Clock::now() < end) done.waitUntil(mutex, end);
     return left_workers == workers.size();
   }
-
-  // --- what OpenSSL reports ---
-
-  // As a handshake begins and ends, on the worker's thread.
-  static void onTls(const SSL* ssl, int where, int /*ret*/) {
-    if (Worker::current) Worker::current->noteHandshake(ssl, where);
-  }
-
-  // Around every read and write of the socket, and as it lets go of it.
-  static long onSocket(BIO* bio, int operation, const char* /*data*/, std::size_t /*length*/,
-                       int /*argi*/, long /*argl*/, int result, std::size_t* processed) {
-    // Most calls only ask for the BIO's settings, dozens of them in every request.
-    if ((operation & ~BIO_CB_RETURN) == BIO_CB_CTRL) return result;
-    auto& worker = *reinterpret_cast<Worker*>(BIO_get_callback_arg(bio));
-    const std::size_t bytes = result > 0 && processed ? *processed : 0;
-    const long outcome = worker.noteSocket(bio, operation, bytes, result);
-    const bool read = operation == (BIO_CB_READ | BIO_CB_RETURN) && bytes > 0;
-    if (!read || worker.takeTurn()) return outcome;
-    BIO_clear_retry_flags(bio);
-    return -1;
-  }
 };
 
 thread_local Connections::Core::Worker* Connections::Core::Worker::current = nullptr;
@@ -434,7 +411,7 @@ Connections::~Connections() {
   left_behind = core_.release();
 }
 
-void Connections::watch(SSL_CTX* context) { SSL_CTX_set_info_callback(context, Core::onTls); }
+void Connections::watch(SSL_CTX* context) { watchSockets(context); }
 
 void Connections::start() { core_->start(); }
 

@@ -5,8 +5,8 @@
 // threads. Here a fixed set of workers serves one connection each, and a slot per worker
 // (server/connection_slot) says what its connection is doing.
 //
-// The transitions come from where the facts are: TLS and socket callbacks see the handshake and
-// every byte, the request gate sees a complete request head, the post-routing handler a complete
+// The transitions come from where the facts are: server/socket_watch sees the handshake and every
+// byte, the request gate sees a complete request head, the post-routing handler a complete
 // request, the library's logger a written answer. One watcher thread cuts a connection that has
 // overstayed: it shuts the socket down but never closes it, so the worker finds the connection at
 // its end and leaves by the ordinary path.
