@@ -1,19 +1,16 @@
 #include "server/connections.hpp"
 
 #include <atomic>
+#include <chrono>
 #include <memory>
-#include <optional>
 #include <system_error>
 #include <utility>
 #include <vector>
 
-#include <openssl/ssl.h>
-#include <unistd.h>
+#include <pthread.h>
 
-#include "server/linger.hpp"
+#include "server/connection_worker.hpp"
 #include "server/mutex.hpp"
-#include "server/owned.hpp"
-#include "server/parsing_turn.hpp"
 #include "server/socket_watch.hpp"
 #include "server/stack_thread.hpp"
 #include "server/waiting_line.hpp"
@@ -25,11 +22,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Time = ConnectionSlot::Time;
 using Job = WaitingLine::Job;
-using SslPtr = std::unique_ptr<SSL, With<SSL_free>>;
 
-// The library matches a Range header with a recursive regular expression: 8 KB of header take
-// 4 MB of stack. Threads must not depend on the stack limit the service was started with.
-constexpr std::size_t kWorkerStack = std::size_t{16} << 20;
 constexpr std::size_t kWatcherStack = std::size_t{256} << 10;
 
 // How often the watcher looks while there is any connection.
@@ -38,212 +31,6 @@ constexpr std::chrono::milliseconds kWatchInterval{100};
 }  // namespace
 
 struct Connections::Core {
-  // A thread and what its connection is doing.
-  struct Worker final : SocketObserver {
-    explicit Worker(Core& c) : core(c) {}
-
-    Core& core;
-    pthread_t thread{};
-    ConnectionSlot slot SPOT_GUARDED_BY(core.mutex);
-
-    static thread_local Worker* current;  // the worker this thread is
-
-    // --- its thread ---
-
-    static void* entry(void* argument) {
-      current = static_cast<Worker*>(argument);
-      const ObservedThread observed(*current);
-      current->workUntilStopped();
-      return nullptr;
-    }
-
-    void workUntilStopped() {
-      while (auto job = nextJob()) {
-        serve(*job);
-        job.reset();  // and what it holds, before its worker is free
-        endJob();
-      }
-      MutexLock lock(core.mutex);
-      ++core.left_workers;
-      core.done.notifyAll();
-    }
-
-    // None: the service stops and nobody waits any more.
-    std::optional<Job> nextJob() {
-      MutexLock lock(core.mutex);
-      while (!core.stopping && core.jobs.empty()) core.work.wait(core.mutex);
-      if (core.jobs.empty()) return std::nullopt;
-      Job job = core.jobs.pop();
-      --core.free_workers;
-      slot = ConnectionSlot{};
-      enter(slot, Phase::kHandshake, Clock::now());
-      if (core.watcher_sleeps) core.watch.notifyOne();  // else it looks again soon by itself
-      return job;
-    }
-
-    // Runs one connection to its end. The library catches what a request handler throws; what it
-    // throws itself (out of memory while it reads a header, a number out of range in a Range
-    // header) arrives here, with the connection still open.
-    void serve(const Job& job) noexcept {
-      try {
-        job();
-      } catch (...) {
-        closeConnection();
-      }
-    }
-
-    void closeConnection() {
-      Fd socket;  // closed behind its connection
-      SslPtr connection;
-      MutexLock lock(core.mutex);
-      socket = Fd(std::exchange(slot.fd, -1));
-      connection.reset(std::exchange(slot.ssl, nullptr));
-    }
-
-    void endJob() {
-      MutexLock lock(core.mutex);
-      parsed();
-      slot = ConnectionSlot{};
-      ++core.free_workers;
-      core.ended.notifyOne();
-    }
-
-    // --- what its connection reports ---
-
-    void handshakeBegan(SSL& connection) noexcept override {
-      MutexLock lock(core.mutex);
-      slot.ssl = &connection;
-      slot.fd = SSL_get_fd(&connection);
-      if (core.stopping || slot.cut) cut(slot);
-    }
-
-    void handshakeDone() noexcept override {
-      MutexLock lock(core.mutex);
-      if (slot.phase == Phase::kHandshake) enter(slot, Phase::kIdle, Clock::now());
-    }
-
-    // A socket that was shut down still hands out what the peer goes on sending.
-    bool mayRead() noexcept override {
-      MutexLock lock(core.mutex);
-      if (!slot.cut) endTurn();  // what came was not parsed yet: more is needed
-      return !slot.cut;
-    }
-
-    bool received(std::size_t bytes) noexcept override {
-      {
-        MutexLock lock(core.mutex);
-        noteReceived(core.slots, slot, core.limits, Clock::now(), bytes);
-      }
-      return takeTurn();
-    }
-
-    bool mayWrite() noexcept override {
-      MutexLock lock(core.mutex);
-      if (!slot.cut && !slot.writing_since) slot.writing_since = Clock::now();
-      return !slot.cut;
-    }
-
-    void written() noexcept override {
-      MutexLock lock(core.mutex);
-      slot.writing_since.reset();
-    }
-
-    // The library closes the descriptor next: it must not be touched again.
-    void released() noexcept override {
-      MutexLock lock(core.mutex);
-      slot.fd = -1;
-      slot.ssl = nullptr;
-    }
-
-    // --- what the library reports of its request ---
-
-    void headComplete() {
-      MutexLock lock(core.mutex);
-      parsed();
-      enter(slot, Phase::kBody, Clock::now());
-    }
-
-    // Of requests that came in one piece the second has its head read while the slot is idle.
-    bool isReadingHead() {
-      MutexLock lock(core.mutex);
-      return slot.phase < Phase::kBody;
-    }
-
-    void requestComplete() {
-      MutexLock lock(core.mutex);
-      if (slot.phase == Phase::kServing) return;
-      parsed();
-      enter(slot, Phase::kServing, Clock::now());
-    }
-
-    void closeAfterAnswer() {
-      MutexLock lock(core.mutex);
-      slot.close_after_answer = true;
-    }
-
-    bool closesAfterAnswer() {
-      MutexLock lock(core.mutex);
-      if (bytesAhead() > core.limits.deep_request_bytes) slot.close_after_answer = true;
-      return slot.close_after_answer;
-    }
-
-    void answered() {
-      MutexLock lock(core.mutex);
-      if (slot.close_after_answer && !slot.cut) {  // who was cut is told nothing more
-        lingerUnlocked(slot.fd, slot.ssl);
-        cut(slot);
-      }
-      parsed();
-      enter(slot, Phase::kIdle, Clock::now());
-      slot.received = bytesAhead();
-    }
-
-    void lingerUnlocked(int fd, SSL* ssl) SPOT_REQUIRES(core.mutex) {
-      core.mutex.unlock();
-      linger(fd, ssl, core.limits.linger);
-      core.mutex.lock();
-    }
-
-    // --- deep requests ---
-
-    // The library may need half a kilobyte of stack for every byte of a header. Requests large
-    // enough for that to matter are parsed one at a time, and their workers give the stack back.
-
-    // Before the bytes just read go to the library; false when the slot was cut and they must not.
-    // A turn ends by itself when the library does not parse but waits for more.
-    bool takeTurn() {
-      MutexLock lock(core.mutex);
-      if (slot.phase != Phase::kReading || !isDeep(slot, core.limits)) return !slot.cut;
-      slot.awaits_turn = true;
-      auto now = Clock::now();
-      for (; !slot.cut && !isNext(core.turn, core.slots, slot, now); now = Clock::now()) {
-        core.next.waitUntil(core.mutex, nextLook(core.turn, core.limits, now));
-      }
-      slot.awaits_turn = false;
-      if (!slot.cut) take(core.turn, slot, core.limits, now);
-      return !slot.cut;
-    }
-
-    // Bytes of a next request that came together with this one: the library will parse them without
-    // another read of the socket, so no turn can be taken for them.
-    std::size_t bytesAhead() const SPOT_REQUIRES(core.mutex) {
-      return slot.ssl ? static_cast<std::size_t>(SSL_pending(slot.ssl)) : 0;
-    }
-
-    // With nothing of the library's parser left on this thread's stack.
-    void parsed() SPOT_REQUIRES(core.mutex) {
-      if (!isDeep(slot, core.limits)) return;
-      trimStack();
-      endTurn();
-    }
-
-    void endTurn() SPOT_REQUIRES(core.mutex) {
-      if (core.turn.holder != &slot) return;
-      core.turn.holder = nullptr;
-      core.next.notifyAll();
-    }
-  };
-
   // The library's handle on the core; the library deletes it when its accept loop ends.
   class Queue final : public httplib::TaskQueue {
    public:
@@ -257,34 +44,20 @@ struct Connections::Core {
     Core& core_;
   };
 
-  const ConnectionLimits limits;
   const std::function<void()> on_stopping;
 
-  Mutex mutex;
-  Condition work;   // a job came, or the end
-  Condition watch;  // a connection began, or the end
-  Condition done;   // a worker left
-  Condition ended;  // a connection ended
-  Condition next;   // a deep request was parsed
-  WaitingLine jobs SPOT_GUARDED_BY(mutex);
-  // Fixed once started; until then only the watcher looks, under the mutex.
-  std::vector<std::unique_ptr<Worker>> workers;
-  std::vector<ConnectionSlot*> slots SPOT_GUARDED_BY(mutex);  // theirs
-  std::size_t free_workers SPOT_GUARDED_BY(mutex) = 0;
-  std::size_t left_workers SPOT_GUARDED_BY(mutex) = 0;  // whose threads are about to end
-  bool watcher_sleeps SPOT_GUARDED_BY(mutex) = false;   // until there is a connection
-  bool stopping SPOT_GUARDED_BY(mutex) = false;
-  bool released SPOT_GUARDED_BY(mutex) = false;
-  ParsingTurn turn SPOT_GUARDED_BY(mutex);
+  Workplace place;
+  std::vector<std::unique_ptr<ConnectionWorker>> workers;  // of whoever starts and stops
   pthread_t watcher{};
   bool has_watcher = false;
+  bool released SPOT_GUARDED_BY(place.mutex) = false;  // the watcher ends
   std::atomic<bool> abandoned = false;
   std::atomic<bool> accepting = true;
   static_assert(std::atomic<bool>::is_always_lock_free);
 
-  Core(const ConnectionLimits& l, std::function<void()> s) : limits(l), on_stopping(std::move(s)) {
+  Core(const ConnectionLimits& limits, std::function<void()> s)
+      : on_stopping(std::move(s)), place(limits) {
     workers.reserve(limits.workers);
-    slots.reserve(limits.workers);
   }
 
   // --- threads ---
@@ -294,7 +67,7 @@ struct Connections::Core {
     shareMemoryPools();
     const SpareMemory spare;
     has_watcher = startThread(watcher, kWatcherStack, watcherEntry, this);
-    while (has_watcher && workers.size() < limits.workers && addWorker()) {
+    while (has_watcher && workers.size() < place.limits.workers && addWorker()) {
     }
     if (workers.empty()) {
       throw std::system_error(EAGAIN, std::generic_category(), "No worker thread");
@@ -302,12 +75,9 @@ struct Connections::Core {
   }
 
   bool addWorker() {
-    auto worker = std::make_unique<Worker>(*this);
-    MutexLock lock(mutex);  // the new worker waits for it
-    if (!startThread(worker->thread, kWorkerStack, Worker::entry, worker.get())) return false;
-    slots.push_back(&worker->slot);
+    auto worker = std::make_unique<ConnectionWorker>(place);
+    if (!worker->start()) return false;
     workers.push_back(std::move(worker));
-    ++free_workers;
     return true;
   }
 
@@ -317,18 +87,18 @@ struct Connections::Core {
   }
 
   void watchUntilReleased() {
-    MutexLock lock(mutex);
+    MutexLock lock(place.mutex);
     while (!released) {
-      if (free_workers == workers.size() && jobs.empty()) {
-        watcher_sleeps = true;
-        watch.wait(mutex);
-        watcher_sleeps = false;
+      if (place.free_workers == place.slots.size() && place.jobs.empty()) {
+        place.watcher_sleeps = true;
+        place.watch.wait(place.mutex);
+        place.watcher_sleeps = false;
       } else {
-        watch.waitFor(mutex, kWatchInterval);
+        place.watch.waitFor(place.mutex, kWatchInterval);
       }
       const auto now = Clock::now();
-      cutOverstayed(slots, limits, now);
-      makeRoom(slots, limits, now, jobs.waitingSince(now - kWatchInterval));
+      cutOverstayed(place.slots, place.limits, now);
+      makeRoom(place.slots, place.limits, now, place.jobs.waitingSince(now - kWatchInterval));
     }
   }
 
@@ -338,68 +108,73 @@ struct Connections::Core {
   bool enqueue(Job job) {
     awaitRoom();
     {
-      MutexLock lock(mutex);
-      if (jobs.full()) return false;
-      jobs.push(std::move(job), Clock::now());
+      MutexLock lock(place.mutex);
+      if (place.jobs.full()) return false;
+      place.jobs.push(std::move(job), Clock::now());
     }
-    work.notifyOne();  // with the lock free for whom it wakes
+    place.work.notifyOne();  // with the lock free for whom it wakes
     return true;
   }
 
   // Beyond the bound the accept loop waits, so that descriptors are left for the station's files.
   // Whoever ends it cannot notify: that is a signal handler.
   void awaitRoom() {
-    MutexLock lock(mutex);
-    while (accepting && jobs.size() + workers.size() - free_workers >= limits.connections) {
-      ended.waitFor(mutex, kWatchInterval);
+    MutexLock lock(place.mutex);
+    while (accepting && connections() >= place.limits.connections) {
+      place.ended.waitFor(place.mutex, kWatchInterval);
     }
+  }
+
+  // With a worker or in line.
+  std::size_t connections() const SPOT_REQUIRES(place.mutex) {
+    return place.jobs.size() + place.slots.size() - place.free_workers;
   }
 
   void stop() {
     const auto begin = Clock::now();
     {
-      MutexLock lock(mutex);
-      stopping = true;
-      cutAll(slots, Phase::kIdle);
+      MutexLock lock(place.mutex);
+      place.stopping = true;
+      cutAll(place.slots, Phase::kIdle);
     }
-    work.notifyAll();
+    place.work.notifyAll();
     if (on_stopping) on_stopping();
-    if (!waitForWorkers(begin + limits.drain)) {
+    if (!waitForWorkers(begin + place.limits.drain)) {
       {
-        MutexLock lock(mutex);
-        cutAll(slots, Phase::kServing);
+        MutexLock lock(place.mutex);
+        cutAll(place.slots, Phase::kServing);
       }
-      abandoned = !waitForWorkers(begin + limits.release);
+      abandoned = !waitForWorkers(begin + place.limits.release);
     }
     {
-      MutexLock lock(mutex);
+      MutexLock lock(place.mutex);
       released = true;
     }
-    watch.notifyAll();
+    place.watch.notifyAll();
     if (has_watcher) pthread_join(watcher, nullptr);
     for (const auto& worker : workers) {
       if (abandoned) {
-        pthread_detach(worker->thread);
+        worker->detach();
       } else {
-        pthread_join(worker->thread, nullptr);
+        worker->join();
       }
     }
   }
 
   bool hasStopped() {
-    MutexLock lock(mutex);
+    MutexLock lock(place.mutex);
     return released;
   }
 
   // Whether all have left by `end`.
   bool waitForWorkers(Time end) {
-    MutexLock lock(mutex);
-    while (left_workers < workers.size() && Clock::now() < end) done.waitUntil(mutex, end);
-    return left_workers == workers.size();
+    MutexLock lock(place.mutex);
+    while (place.left_workers < place.slots.size() && Clock::now() < end) {
+      place.done.waitUntil(place.mutex, end);
+    }
+    return place.left_workers == place.slots.size();
   }
 };
-
-thread_local Connections::Core::Worker* Connections::Core::Worker::current = nullptr;
 
 Connections::Connections(const ConnectionLimits& limits, std::function<void()> on_stopping)
     : core_(std::make_unique<Core>(limits, std::move(on_stopping))) {}
@@ -422,8 +197,8 @@ std::unique_ptr<httplib::TaskQueue> Connections::queue() {
 void Connections::stop() { core_->stop(); }
 
 std::size_t Connections::inFlight() const {
-  MutexLock lock(core_->mutex);
-  return spotserver::inFlight(core_->slots);
+  MutexLock lock(core_->place.mutex);
+  return spotserver::inFlight(core_->place.slots);
 }
 
 void Connections::releaseAcceptLoop() noexcept { core_->accepting = false; }
@@ -431,27 +206,29 @@ void Connections::releaseAcceptLoop() noexcept { core_->accepting = false; }
 bool Connections::abandoned() const { return core_->abandoned; }
 
 void Connections::headComplete() {
-  if (Core::Worker::current) Core::Worker::current->headComplete();
+  if (auto* worker = ConnectionWorker::current()) worker->headComplete();
 }
 
 bool Connections::isReadingHead() {
-  return Core::Worker::current && Core::Worker::current->isReadingHead();
+  auto* worker = ConnectionWorker::current();
+  return worker && worker->isReadingHead();
 }
 
 void Connections::requestComplete() {
-  if (Core::Worker::current) Core::Worker::current->requestComplete();
+  if (auto* worker = ConnectionWorker::current()) worker->requestComplete();
 }
 
 void Connections::closeAfterAnswer() {
-  if (Core::Worker::current) Core::Worker::current->closeAfterAnswer();
+  if (auto* worker = ConnectionWorker::current()) worker->closeAfterAnswer();
 }
 
 bool Connections::closesAfterAnswer() {
-  return Core::Worker::current && Core::Worker::current->closesAfterAnswer();
+  auto* worker = ConnectionWorker::current();
+  return worker && worker->closesAfterAnswer();
 }
 
 void Connections::answered() {
-  if (Core::Worker::current) Core::Worker::current->answered();
+  if (auto* worker = ConnectionWorker::current()) worker->answered();
 }
 
 }  // namespace spotserver

@@ -2,8 +2,8 @@
 //
 // The HTTP library hands every accepted socket to a task queue; whoever runs the task serves that
 // connection until it ends. With the library's own pool, eight silent phones take all eight
-// threads. Here a fixed set of workers serves one connection each, and a slot per worker
-// (server/connection_slot) says what its connection is doing.
+// threads. Here a fixed set of workers (server/connection_worker) serves one connection each, and a
+// slot per worker (server/connection_slot) says what its connection is doing.
 //
 // The transitions come from where the facts are: server/socket_watch sees the handshake and every
 // byte, the request gate sees a complete request head, the post-routing handler a complete
