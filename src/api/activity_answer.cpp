@@ -1,7 +1,5 @@
 #include "api/activity_answer.hpp"
 
-#include <utility>
-
 #include "api/activity_document.hpp"
 
 namespace spotserver {

@@ -1,8 +1,13 @@
-// One computed answer of the activity endpoint, shared by all requests that are given it.
+// The texts of a snapshot, made once for all requests that are given it, and the table in which the
+// answers given last are kept.
 #pragma once
 
+#include <cstdint>
+#include <map>
+#include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "api/activity_snapshot.hpp"
 #include "server/gzip.hpp"
@@ -38,5 +43,14 @@ class ActivityAnswer {
   mutable Once deflated_;
   mutable DeflatedTail deflated_tail_;
 };
+
+struct CachedActivity {
+  std::uint64_t generation = 0;  // the store's generation when computed
+  std::int64_t minute = 0;       // floor(now / 60) when computed
+  std::shared_ptr<const ActivityAnswer> answer;
+};
+
+// (hours, smoothing) to the last answer: at most nine entries, overwritten, never evicted.
+using ActivityCache = std::map<std::pair<int, int>, CachedActivity>;
 
 }  // namespace spotserver

@@ -1,13 +1,10 @@
-// One computed answer of the activity endpoint, and the cache of the answers given last. Times are
-// UTC epoch seconds. The window is the last `hours` hours, its beginning included.
+// The figures of one answer of the activity endpoint, as they were computed. Times are UTC epoch
+// seconds. The window is the last `hours` hours, its beginning included.
 #pragma once
 
 #include <cstdint>
-#include <map>
-#include <memory>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "api/rate_series.hpp"
@@ -36,16 +33,5 @@ struct ActivitySnapshot {
   std::uint64_t window_unique_callsigns = 0;
   std::vector<BandView> bands = {};  // those with an interval in the window, in display order
 };
-
-class ActivityAnswer;  // api/activity_answer.hpp: a snapshot and the texts made of it
-
-struct CachedActivity {
-  std::uint64_t generation = 0;  // the store's generation when computed
-  std::int64_t minute = 0;       // floor(now / 60) when computed
-  std::shared_ptr<const ActivityAnswer> answer;
-};
-
-// (hours, smoothing) to the last answer: at most nine entries, overwritten, never evicted.
-using ActivityCache = std::map<std::pair<int, int>, CachedActivity>;
 
 }  // namespace spotserver

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "api/activity_snapshot.hpp"
+#include "api/activity_answer.hpp"
 #include "api/rate_index.hpp"
 #include "spots/cty.hpp"
 #include "spots/heard_callsigns.hpp"
