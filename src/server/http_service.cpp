@@ -13,13 +13,12 @@
 #include <unistd.h>
 
 #include "api/activity_endpoint.hpp"
+#include "api/health_document.hpp"
 #include "api/json_answer.hpp"
 #include "server/bind_address.hpp"
-#include "server/json_text.hpp"
 #include "server/owned.hpp"
 #include "server/request_gate.hpp"
 #include "server/tls_check.hpp"
-#include "server/version.hpp"
 #include "spots/regular_file.hpp"
 
 namespace spotserver {
@@ -150,27 +149,6 @@ std::unique_ptr<Server> makeServer(const ServerSettings& settings) {
 }
 
 }  // namespace
-
-HealthDocument::HealthDocument(bool demo, const std::string& fingerprint) {
-  head_ = "{\"service\":\"corvane-spot-server\",\"version\":";
-  json_quote(head_, kVersion);
-  head_ += ",\"mode\":";
-  json_quote(head_, demo ? "demo" : "live");
-  head_ += ",\"server_time\":";
-  tail_ = ",\"fingerprint_sha256\":";
-  json_quote(tail_, fingerprint);
-  tail_ += '}';
-}
-
-std::string HealthDocument::at(double now) const {
-  const std::string time = json_number(0, now);
-  std::string body;
-  body.reserve(head_.size() + time.size() + tail_.size());
-  body += head_;
-  body += time;
-  body += tail_;
-  return body;
-}
 
 // Reaches the listening socket, which the library keeps for its subclasses.
 class HttpService::Server : public httplib::SSLServer {

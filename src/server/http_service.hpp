@@ -13,21 +13,6 @@
 
 namespace spotserver {
 
-// The health document. All but the time stays the same while the service lives.
-//   {"service":"corvane-spot-server","version":"0.3.0","mode":"live","server_time":...,
-//    "fingerprint_sha256":"AB:..."}   in one line without blanks
-class HealthDocument {
- public:
-  HealthDocument(bool demo, const std::string& fingerprint);
-
-  // `now` in whole UTC epoch seconds.
-  std::string at(double now) const;
-
- private:
-  std::string head_;  // up to the time
-  std::string tail_;
-};
-
 // Settings, token, fingerprint and store outlive the service; settings, token and fingerprint do
 // not change while it lives.
 class HttpService {
