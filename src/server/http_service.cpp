@@ -148,6 +148,47 @@ std::unique_ptr<Server> makeServer(const ServerSettings& settings) {
   return server->is_valid() && isHeard(*server) ? std::move(server) : nullptr;
 }
 
+void setOptions(httplib::Server& server) {
+  server.set_keep_alive_timeout(60);
+  server.set_read_timeout(30, 0);
+  server.set_write_timeout(30, 0);
+  server.set_tcp_nodelay(true);
+  server.set_socket_options([](auto socket) { setReuseAddress(socket); });
+}
+
+void addRoutes(httplib::Server& server, const HealthDocument& health,
+               const ActivityEndpoint& endpoint) {
+  server.Get("/api/v1/health", [health](const auto& request, auto& response) {
+    setJson(request, response, health.at(static_cast<double>(std::time(nullptr))));
+  });
+  server.Get("/api/v1/activity", [endpoint](const auto& request, auto& response) {
+    handleActivity(endpoint, request, response);
+  });
+}
+
+// What is done with every request and answer, whatever its path.
+void addHooks(httplib::Server& server) {
+  server.set_pre_routing_handler(passGate);
+  server.set_expect_100_continue_handler([](const auto& request, auto& response) {
+    // A body that will not be read is not asked for either.
+    if (judgeBody(request) != BodyVerdict::kRefuse) return 100;
+    passGate(request, response);
+    return response.status;
+  });
+  server.set_post_routing_handler([](const auto& request, auto& response) {
+    closeUnlessUnderstood(request, response);
+    Connections::requestComplete();
+    finishJson(response);
+    announceClose(response);
+  });
+  server.set_error_handler([](const httplib::Request& request, httplib::Response& response) {
+    if (response.status == 404) setJson(request, response, kNotFound);
+  });
+  server.set_exception_handler(
+      [](const auto&, auto& response, auto&&...) { answerFailure(response); });
+  server.set_logger([](const auto&, const auto&) { Connections::answered(); });
+}
+
 }  // namespace
 
 // Reaches the listening socket, which the library keeps for its subclasses.
@@ -180,41 +221,10 @@ HttpService::HttpService(const ServerSettings& settings, SpotStore& store, const
   std::signal(SIGPIPE, SIG_IGN);
   if (!valid()) return;
   watchConnections(*server_, connections_);
-
-  server_->set_keep_alive_timeout(60);
-  server_->set_read_timeout(30, 0);
-  server_->set_write_timeout(30, 0);
-  server_->set_tcp_nodelay(true);
-  server_->set_socket_options([](auto socket) { setReuseAddress(socket); });
-
-  server_->Get("/api/v1/health", [health = HealthDocument(settings.demo, fingerprint)](
-                                     const auto& request, auto& response) {
-    setJson(request, response, health.at(static_cast<double>(std::time(nullptr))));
-  });
-  const ActivityEndpoint endpoint{throttle_, token, store, settings.reload};
-  server_->Get("/api/v1/activity", [endpoint](const auto& request, auto& response) {
-    handleActivity(endpoint, request, response);
-  });
-
-  server_->set_pre_routing_handler(passGate);
-  server_->set_expect_100_continue_handler([](const auto& request, auto& response) {
-    // A body that will not be read is not asked for either.
-    if (judgeBody(request) != BodyVerdict::kRefuse) return 100;
-    passGate(request, response);
-    return response.status;
-  });
-  server_->set_post_routing_handler([](const auto& request, auto& response) {
-    closeUnlessUnderstood(request, response);
-    Connections::requestComplete();
-    finishJson(response);
-    announceClose(response);
-  });
-  server_->set_error_handler([](const httplib::Request& request, httplib::Response& response) {
-    if (response.status == 404) setJson(request, response, kNotFound);
-  });
-  server_->set_exception_handler(
-      [](const auto&, auto& response, auto&&...) { answerFailure(response); });
-  server_->set_logger([](const auto&, const auto&) { Connections::answered(); });
+  setOptions(*server_);
+  addRoutes(*server_, HealthDocument(settings.demo, fingerprint),
+            ActivityEndpoint{throttle_, token, store, settings.reload});
+  addHooks(*server_);
 }
 
 HttpService::~HttpService() = default;
