@@ -57,12 +57,31 @@ void change_stop_signals(int how) {
 void hold_stop_signals() { change_stop_signals(SIG_BLOCK); }
 void release_stop_signals() { change_stop_signals(SIG_UNBLOCK); }
 
-// --- the steps ---
+// --- failures ---
 
-int fail(int status, const std::string& message) {
-  std::fprintf(stderr, "%s\n", message.c_str());
-  return status;
+// Why the start ends: the exit status and the sentence for the user. A plain record, since the
+// texts of std::runtime_error always take memory; "std::bad_alloc" must be told without any.
+struct StartFailure {
+  int status = 1;
+  std::string sentence;
+};
+
+int tell(const StartFailure& failure) {
+  std::fprintf(stderr, "%s\n", failure.sentence.c_str());
+  return failure.status;
 }
+
+// Takes one step. What it throws ends the start with `status` and is told behind `prefix`.
+template <typename Step>
+auto attempt(int status, const char* prefix, Step&& step) {
+  try {
+    return step();
+  } catch (const std::exception& error) {
+    throw StartFailure{status, std::string(prefix) + error.what()};
+  }
+}
+
+// --- the steps ---
 
 std::string working_directory() {
   std::error_code error;
@@ -142,14 +161,11 @@ int serve(const ServerSettings& settings, const UserDirectories& directories, Sp
           const std::string& token, const std::string& fingerprint) {
   auto service = std::make_unique<HttpService>(settings, store, token, fingerprint);
   if (!service->valid()) {
-    return fail(1, "Failed to initialise TLS server (bad certificate or key?)");
+    throw StartFailure{1, "Failed to initialise TLS server (bad certificate or key?)"};
   }
-  if (!service->bind()) return fail(1, "Failed to bind " + address_text(settings));
-  try {
-    if (const auto status = settle_process(settings, directories)) return *status;
-  } catch (const std::exception& error) {
-    return fail(1, error.what());
-  }
+  if (!service->bind()) throw StartFailure{1, "Failed to bind " + address_text(settings)};
+  const auto ended = attempt(1, "", [&] { return settle_process(settings, directories); });
+  if (ended) return *ended;
 
   running_service = service.get();
   install_handlers();
@@ -161,45 +177,31 @@ int serve(const ServerSettings& settings, const UserDirectories& directories, Sp
   if (!abandoned) service.reset();
   if (!settings.pid_file.empty()) remove_pid_file(settings.pid_file);
   const int status = stopped ? 0
-                             : fail(1, "Failed to bind " + address_text(settings) +
-                                           " (port in use or permission denied?)");
+                             : tell({1, "Failed to bind " + address_text(settings) +
+                                            " (port in use or permission denied?)"});
   if (abandoned) std::_Exit(status);  // a worker still uses what would be released
   return status;
 }
 
 int start(const CommandLine& line, const UserDirectories& directories) {
   ServerSettings settings = line.settings;
-  try {
-    if (settings.token.empty()) settings.token = generate_token();
-  } catch (const std::exception& error) {
-    return fail(1, error.what());
-  }
+  if (settings.token.empty()) settings.token = attempt(1, "", generate_token);
   if (!settings.cert_given && !settings.key_given) make_dirs(directories.config);
-  std::string fingerprint;
-  try {
-    fingerprint = ensure_tls_identity(settings.cert, settings.key, kProgram);
-  } catch (const std::exception& error) {
-    return fail(1, std::string("TLS certificate error: ") + error.what());
-  }
+  const std::string fingerprint = attempt(1, "TLS certificate error: ", [&] {
+    return ensure_tls_identity(settings.cert, settings.key, kProgram);
+  });
   SpotStore store;
   load_store(store, settings);
   return serve(settings, directories, store, settings.token, fingerprint);
 }
 
-}  // namespace
-
-int run(int argc, char** argv) {
-  fill_standard_descriptors();
-  migrateDataDirectories();
+int do_as_told(int argc, char** argv) {
   const std::string argument0 = argc > 0 ? argv[0] : kProgram;
   const UserDirectories directories = user_directories(::getenv);
-  CommandLine line;
-  try {
+  const CommandLine line = attempt(2, "Configuration error: ", [&] {
     const std::vector<std::string> arguments(argv + (argc > 0 ? 1 : 0), argv + argc);
-    line = parse_command_line(arguments, directories, working_directory());
-  } catch (const std::exception& error) {
-    return fail(2, std::string("Configuration error: ") + error.what());
-  }
+    return parse_command_line(arguments, directories, working_directory());
+  });
   switch (line.action) {
     case CommandLine::Action::kShowHelp:
       std::fputs(help_text(argument0, directories).c_str(), stdout);
@@ -211,6 +213,18 @@ int run(int argc, char** argv) {
       break;
   }
   return start(line, directories);
+}
+
+}  // namespace
+
+int run(int argc, char** argv) {
+  fill_standard_descriptors();
+  migrateDataDirectories();
+  try {
+    return do_as_told(argc, argv);
+  } catch (const StartFailure& failure) {
+    return tell(failure);
+  }
 }
 
 }  // namespace spotserver
