@@ -41,8 +41,9 @@ struct SpotData {
   ActivityCache cache;
   std::uint64_t generation = 0;  // grows when new data was consumed
   cty::Database countries;
-  std::uint64_t accepted_lines = 0;  // of the log; a log read anew counts anew
-  double newest_decode = 0;          // latest time of an accepted line, ever; 0: none
+  // Of the log lines that were accepted. Kept for whoever looks at the store; no answer shows them.
+  std::uint64_t accepted_lines = 0;  // a log read anew counts anew
+  double newest_decode = 0;          // the latest time ever; 0: none
 };
 
 // Records that `callsign` was heard at `time` on `band`; a later time already known stays.
