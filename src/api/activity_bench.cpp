@@ -56,7 +56,7 @@ SpotData dayOfHistory() {
   std::stable_sort(seen.begin(), seen.end(),
                    [](const auto& a, const auto& b) { return a.start < b.start; });
   SpotData data;
-  mergeHistory(data, seen, kNow - launcher::kRetention, kNow);
+  mergeHistory(data, slotsOf(seen), kNow - launcher::kRetention, kNow);
   return data;
 }
 

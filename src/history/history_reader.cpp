@@ -229,26 +229,6 @@ HistoryChannel HistorySlots::ChannelTraits::make(const Key& key) {
   return {std::string(key.receiver), std::string(key.mode), key.frequency};
 }
 
-std::vector<HistoryObservation> observations(const HistorySlots& seen) {
-  std::vector<HistoryObservation> all;
-  all.reserve(seen.slots.size());
-  for (const HistorySlot& slot : seen.slots) {
-    const HistoryChannel& channel = seen[slot.channel];
-    all.push_back({channel.receiver, channel.mode, channel.frequency, slot.start, slot.count});
-  }
-  return all;
-}
-
-HistorySlots slotsOf(const std::vector<HistoryObservation>& observations) {
-  HistorySlots seen;
-  seen.slots.reserve(observations.size());
-  for (const HistoryObservation& one : observations) {
-    const std::uint32_t channel = seen.channel(one.receiver, one.mode, one.frequency);
-    seen.slots.push_back({one.start, one.count, channel});
-  }
-  return seen;
-}
-
 void expandRow(const HistoryRow& row, double from, double to, HistorySlots& out) {
   const double length = slotSeconds(checkedMode(row));
   const double base = static_cast<double>(row.minute) * 60.0;
@@ -280,6 +260,26 @@ HistorySlots readHistorySlots(const std::string& path, double from, double to, s
   configure(database.get(), patience);
   requireKnownSchema(database.get());
   return readWindow(database.get(), from, to, limits.memory);
+}
+
+std::vector<HistoryObservation> observations(const HistorySlots& seen) {
+  std::vector<HistoryObservation> all;
+  all.reserve(seen.slots.size());
+  for (const HistorySlot& slot : seen.slots) {
+    const HistoryChannel& channel = seen[slot.channel];
+    all.push_back({channel.receiver, channel.mode, channel.frequency, slot.start, slot.count});
+  }
+  return all;
+}
+
+HistorySlots slotsOf(const std::vector<HistoryObservation>& observations) {
+  HistorySlots seen;
+  seen.slots.reserve(observations.size());
+  for (const HistoryObservation& one : observations) {
+    const std::uint32_t channel = seen.channel(one.receiver, one.mode, one.frequency);
+    seen.slots.push_back({one.start, one.count, channel});
+  }
+  return seen;
 }
 
 std::vector<HistoryObservation> readHistory(const std::string& path, double from, double to,

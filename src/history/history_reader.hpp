@@ -29,15 +29,6 @@
 
 namespace spotserver {
 
-// One slot that a receiver listened through; count 0 is listening without a decode.
-struct HistoryObservation {
-  std::string receiver;
-  std::string mode;         // as stored
-  double frequency = 0;     // dial frequency, Hz
-  double start = 0;         // slot start, UTC epoch seconds
-  std::uint64_t count = 0;  // decodes in the slot
-};
-
 // One row of `minutes` as SQLite hands it over. The views last until the next row is asked for.
 struct HistoryRow {
   std::optional<std::string_view> receiver;  // empty: NULL
@@ -55,14 +46,14 @@ struct HistoryChannel {
   double frequency = 0;  // dial frequency, Hz
 };
 
-// One slot of one channel.
+// One slot of one channel that its receiver listened through.
 struct HistorySlot {
   double start = 0;           // UTC epoch seconds
-  std::uint64_t count = 0;    // decodes in the slot
+  std::uint64_t count = 0;    // decodes in the slot; 0 is listening without a decode
   std::uint32_t channel = 0;  // place among the channels held with it
 };
 
-// Observations as they are read: a day of them holds each channel's texts once.
+// Slots as they are read: a day of them holds each channel's texts once.
 class HistorySlots {
  public:
   std::vector<HistorySlot> slots;
@@ -89,10 +80,6 @@ class HistorySlots {
 
   Interned<ChannelTraits> channels_;
 };
-
-// The slots one by one, in their order.
-std::vector<HistoryObservation> observations(const HistorySlots& seen);
-HistorySlots slotsOf(const std::vector<HistoryObservation>& observations);
 
 // Appends one slot for every set bit of the mask whose slot lies in the window: it starts at or
 // after `from` and ends no later than `to` + 1 (UTC epoch seconds). A slot that ends in the second
@@ -139,7 +126,23 @@ struct OutOfDescriptors : std::runtime_error {
 HistorySlots readHistorySlots(const std::string& path, double from, double to,
                               std::stop_token stop = {}, const HistoryLimits& limits = {});
 
-// The same, every slot a record of its own.
+// --- One by one ---
+// Slots with their texts in each, for tests and measurements. The server works on HistorySlots.
+
+// One slot that a receiver listened through; count 0 is listening without a decode.
+struct HistoryObservation {
+  std::string receiver;
+  std::string mode;         // as stored
+  double frequency = 0;     // dial frequency, Hz
+  double start = 0;         // slot start, UTC epoch seconds
+  std::uint64_t count = 0;  // decodes in the slot
+};
+
+// The same slots in the same order.
+std::vector<HistoryObservation> observations(const HistorySlots& seen);
+HistorySlots slotsOf(const std::vector<HistoryObservation>& observations);
+
+// Those of readHistorySlots.
 std::vector<HistoryObservation> readHistory(const std::string& path, double from, double to,
                                             std::stop_token stop = {},
                                             const HistoryLimits& limits = {});

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "api/band_plan.hpp"
 #include "spots/mode.hpp"
@@ -87,11 +88,6 @@ void mergeHistory(SpotData& data, const HistorySlots& observations, double from,
   data.history_in_use = true;
   data.history_read_to = to;
   ++data.generation;
-}
-
-void mergeHistory(SpotData& data, const std::vector<HistoryObservation>& observations, double from,
-                  double to) {
-  mergeHistory(data, slotsOf(observations), from, to);
 }
 
 void readHistoryWindow(SpotData& data, double from, double to, std::stop_token stop) noexcept {

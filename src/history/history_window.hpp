@@ -2,7 +2,6 @@
 #pragma once
 
 #include <stop_token>
-#include <vector>
 
 #include "history/history_reader.hpp"
 #include "spots/spot_data.hpp"
@@ -27,7 +26,5 @@ void readHistoryWindow(SpotData& data, double from, double to, std::stop_token s
 // got some of the intervals; the next merge adds the rest.
 // Cost: the observations; what is formatted and looked up is so once for each channel.
 void mergeHistory(SpotData& data, const HistorySlots& observations, double from, double to);
-void mergeHistory(SpotData& data, const std::vector<HistoryObservation>& observations, double from,
-                  double to);
 
 }  // namespace spotserver

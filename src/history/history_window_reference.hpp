@@ -57,7 +57,7 @@ class HistoryScript {
       const double from = now_ - static_cast<double>(script_.below(64)) * 15;
       now_ += static_cast<double>(script_.below(64)) * (script_.below(16) == 0 ? 1800 : 7.5);
       const std::vector<HistoryObservation> window = drawWindow(from);
-      mergeHistory(data_, window, from, now_);
+      mergeHistory(data_, slotsOf(window), from, now_);
       plain_.merge(window, from, now_);
       const std::string different = compare(step);
       if (!different.empty()) return "merge " + std::to_string(step) + ": " + different;

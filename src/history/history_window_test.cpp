@@ -169,10 +169,11 @@ TEST_F(HistoryWindow, TwoReceiversOnOneChannelAreTwoIntervalsAndOneRateEntry) {
 }
 
 TEST_F(HistoryWindow, ObservationOfAnUnknownModeIsPassedOver) {
-  mergeHistory(data_,
-               {{.receiver = "RX1", .mode = "ft8", .frequency = 14'074'000, .start = kBase},
-                {.receiver = "RX1", .mode = "FT8", .frequency = 14'074'000, .start = kBase + 15}},
-               kBase, kBase + 60);
+  mergeHistory(
+      data_,
+      slotsOf({{.receiver = "RX1", .mode = "ft8", .frequency = 14'074'000, .start = kBase},
+               {.receiver = "RX1", .mode = "FT8", .frequency = 14'074'000, .start = kBase + 15}}),
+      kBase, kBase + 60);
   EXPECT_THAT(data_.intervals, SizeIs(1));
   EXPECT_EQ(launcher::heldIntervals(data_.rates), 1u);
 }
