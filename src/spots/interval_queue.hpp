@@ -24,12 +24,12 @@ struct Interval {
 // Ascending by start as long as its owner appends so. A plain value, not synchronised.
 //
 //   IntervalQueue queue = {{now - 30, "20m", 7}, {now - 15, "20m", 12}};
-//   for (const Interval interval : queue) ...            // as a caller sees them
-//   queue.forEach([&](double start, std::uint32_t band, std::uint64_t count) { ... });  // faster
+//   queue.forEach([&](double start, std::uint32_t band, std::uint64_t count) {
+//     use(start, queue.band(band), count);
+//   });
 class IntervalQueue {
  public:
   IntervalQueue() = default;
-  IntervalQueue(std::initializer_list<Interval> intervals);
 
   // An interval to be appended; `band` is a place among the band ids given along with it.
   struct Fresh {
@@ -42,8 +42,6 @@ class IntervalQueue {
   // on. All or nothing: throws std::bad_alloc, and then holds what it held before.
   // Cost: what is replaced and what is put there, a look-up for each band.
   void replaceFrom(double from, std::span<const Fresh> fresh, std::span<const std::string> bands);
-  // Throws std::bad_alloc, and then holds what it held before.
-  void push_back(const Interval& interval);
   // Drops intervals from the front while they start before `cutoff`. Cost: those dropped; now and
   // then the others are moved forward.
   void pruneBefore(double cutoff) noexcept;
@@ -51,8 +49,6 @@ class IntervalQueue {
 
   std::size_t size() const { return all_.size() - dropped_; }
   bool empty() const { return size() == 0; }
-  Interval front() const { return (*this)[0]; }
-  Interval operator[](std::size_t place) const;
 
   // Calls fn(double start, std::uint32_t band, std::uint64_t count) for every interval in order.
   template <typename Fn>
@@ -64,6 +60,13 @@ class IntervalQueue {
   // Above every band number in use: the size of an array by band.
   std::size_t bandEnd() const { return bands_.idEnd(); }
 
+  // --- One by one ---
+  // As tests fill and read it. The server puts whole windows in place and visits.
+
+  IntervalQueue(std::initializer_list<Interval> intervals);
+  // Throws std::bad_alloc, and then holds what it held before.
+  void push_back(const Interval& interval);
+  Interval operator[](std::size_t place) const;
   // Gives each interval as a value.
   class Iterator {
    public:

@@ -49,8 +49,7 @@ inline std::string difference(const IntervalQueue& queue, const std::vector<Inte
     visited_right = visited_right && right;
     ++place;
   });
-  if (!visited_right || place != plain.size()) return "visit";
-  return plain.empty() || same(queue.front(), plain.front()) ? "" : "front";
+  return visited_right && place == plain.size() ? "" : "visit";
 }
 
 // Drives both by `bytes`: windows that replace what they overlap, single intervals, old ones that

@@ -29,7 +29,7 @@ TEST(IntervalQueue, GivesBackWhatItWasGiven) {
   EXPECT_THAT(texts(queue), ElementsAre("10 20m 1", "20 13.500000 MHz 2", "20 20m 3"));
   EXPECT_EQ(queue.size(), 3u);
   EXPECT_EQ(queue[1].band, "13.500000 MHz");
-  EXPECT_EQ(queue.front().start, 10);
+  EXPECT_EQ(queue[0].start, 10);
   queue.pruneBefore(10.5);
   EXPECT_THAT(texts(queue), ElementsAre("20 13.500000 MHz 2", "20 20m 3"));
   queue.clear();
@@ -46,7 +46,7 @@ TEST(IntervalQueue, LetsTheOldestGoOneByOne) {
   }
   while (!expected.empty()) {
     ASSERT_EQ(queue.size(), expected.size());
-    EXPECT_EQ(queue.front().count, expected.front().count);
+    EXPECT_EQ(queue[0].count, expected.front().count);
     EXPECT_EQ(queue[queue.size() - 1].start, expected.back().start);
     std::size_t seen = 0;
     queue.forEach([&](double start, std::uint32_t band, std::uint64_t) {
@@ -54,7 +54,7 @@ TEST(IntervalQueue, LetsTheOldestGoOneByOne) {
       EXPECT_EQ(queue.band(band), expected[seen++].band);
     });
     EXPECT_EQ(seen, expected.size());
-    queue.pruneBefore(queue.front().start + 0.5);
+    queue.pruneBefore(queue[0].start + 0.5);
     expected.erase(expected.begin());
     if (expected.size() % 10 != 5) continue;
     queue.push_back({9'000, "30m", 7});  // behind a gap that may not be closed yet
@@ -100,7 +100,7 @@ TEST(IntervalQueue, BandsLeaveWithTheirLastInterval) {
     const std::vector<std::string> bands = {std::to_string(i) + " MHz", "never used"};
     queue.replaceFrom(i, std::vector<IntervalQueue::Fresh>{{i + 0.0, 1, 0}, {i + 0.5, 1, 0}},
                       bands);
-    while (queue.size() > 100) queue.pruneBefore(queue.front().start + 1);
+    while (queue.size() > 100) queue.pruneBefore(queue[0].start + 1);
     ASSERT_LE(queue.bandEnd(), 104u) << i;
   }
 }

@@ -724,7 +724,7 @@ TEST_F(Refresh, FirstHistoryWindowIsTheRetention) {
   history.add({.minute = first - 1, .mask = 1});
   refresh();
   ASSERT_THAT(data.intervals, SizeIs(5));
-  EXPECT_EQ(data.intervals.front().start, static_cast<double>(first) * 60);
+  EXPECT_EQ(data.intervals[0].start, static_cast<double>(first) * 60);
 }
 
 TEST_F(Refresh, LaterHistoryWindowsOverlapTheLastOneBy300Seconds) {

@@ -116,7 +116,7 @@ TEST(PruneSpots, IntervalsGoFromTheFront) {
   }
   pruneSpots(data, kNow);
   ASSERT_EQ(data.intervals.size(), 2u);
-  EXPECT_EQ(data.intervals.front().start, kCutoff);
+  EXPECT_EQ(data.intervals[0].start, kCutoff);
   pruneSpots(data, kNow + 100'000);
   EXPECT_THAT(data.intervals, IsEmpty());
 }
