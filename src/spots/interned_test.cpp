@@ -11,18 +11,6 @@ namespace {
 
 using Names = Interned<TextTraits>;
 
-TEST(HashText, EveryCharacterAndTheLengthCount) {
-  for (std::size_t size = 0; size <= 40; ++size) {
-    const std::string text(size, 'A');
-    EXPECT_NE(hashText(text), hashText(text + 'A')) << size;
-    for (std::size_t at = 0; at < size; ++at) {
-      std::string other = text;
-      other[at] = 'B';
-      EXPECT_NE(hashText(text), hashText(other)) << size << ", " << at;
-    }
-  }
-}
-
 TEST(Interned, OneValueHasOneIdWhoeverHoldsIt) {
   Names names;
   const auto first = names.acquire("N0CALL");
