@@ -1,5 +1,6 @@
 // Whether this build is one of a sanitizer, whose library must come first and brings its own
-// allocator: nothing can be preloaded then, and memory is no measure.
+// allocator: nothing can be preloaded then, and memory is no measure. Everything takes several
+// times as long, so random texts are fewer.
 #pragma once
 
 namespace spotserver {

@@ -13,6 +13,7 @@
 
 #include "edge_of_memory.hpp"
 #include "failing_memory.hpp"
+#include "sanitizers.hpp"
 #include "spots/all_txt_reference.hpp"
 #include "spots/message_reference.hpp"
 #include "spots/mode.hpp"
@@ -577,8 +578,6 @@ TEST(AllTxtTime, AgreesWithTheCLibraryOnEveryDayAndSecond) {
 
 // Against the plain form
 // ---------------------------------------------------------------------------
-
-constexpr bool kSanitized = reference::kSanitized;
 
 TEST(AllTxtReference, AgreesOnEveryShortDecimal) {
   reference::forEachText("+-.09ex ", kSanitized ? 5 : 6,

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "sanitizers.hpp"
 #include "spots/message_reference.hpp"
 
 namespace {
@@ -141,7 +142,7 @@ void expectSameGrid(const std::string& text) {
 }
 
 TEST(CallsignReference, AgreesOnEveryShortText) {
-  reference::forEachText("AZ09/a-", reference::kSanitized ? 5 : 7, expectSameCallsign);
+  reference::forEachText("AZ09/a-", kSanitized ? 5 : 7, expectSameCallsign);
   reference::forEachText("A7/", 10, expectSameCallsign);
 }
 
@@ -164,7 +165,7 @@ TEST(CallsignReference, AgreesOnDamagedCallsigns) {
                                    "PA/N0CALL/P",   "A123456BCDEFG",
                                    "123ABC/N0CALL", "N0CALL/ABCDEFGHIJKLMNOPQRSTUVWX"};
   reference::Mutator mutator(20250314);
-  const int rounds = reference::kSanitized ? 50'000 : 300'000;
+  const int rounds = kSanitized ? 50'000 : 300'000;
   for (int i = 0; i < rounds; ++i) expectSameCallsign(mutator.damage(mutator.pick(callsigns)));
 }
 

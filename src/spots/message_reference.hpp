@@ -278,17 +278,4 @@ class Mutator {
   std::mt19937 random_;
 };
 
-// How many random texts a test affords: sanitizers make each of them several times dearer.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-inline constexpr bool kSanitized = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-inline constexpr bool kSanitized = true;
-#else
-inline constexpr bool kSanitized = false;
-#endif
-#else
-inline constexpr bool kSanitized = false;
-#endif
-
 }  // namespace spotserver::reference

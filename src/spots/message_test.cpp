@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "sanitizers.hpp"
 #include "spots/message_reference.hpp"
 #include "spots/mode.hpp"
 
@@ -432,7 +433,7 @@ TEST(MessageReference, AgreesOnEveryReport) {
   const auto check = [](const std::string& word) {
     expectSameSender(kFt8, "N1CALL N0CALL " + word);
   };
-  reference::forEachText("R+-730", reference::kSanitized ? 5 : 6, check);
+  reference::forEachText("R+-730", kSanitized ? 5 : 6, check);
   reference::forEachText("09", 8, check);
   reference::forEachText("R73", 6, check);
 }
@@ -489,7 +490,7 @@ TEST(MessageReference, AgreesOnDamagedMessages) {
                           "<PA/N0CALL> FN42AB 30",
                           "PA/N0CALL 37"};
   reference::Mutator mutator(3);
-  const int rounds = reference::kSanitized ? 100'000 : 600'000;
+  const int rounds = kSanitized ? 100'000 : 600'000;
   for (int i = 0; i < rounds; ++i) {
     const int mode = static_cast<int>(mutator.below(7));
     expectSameSender(mode, mutator.damage(mutator.pick(messages)));

@@ -17,6 +17,7 @@
 #include "failing_memory.hpp"
 #include "history_file.hpp"
 #include "log_lines.hpp"
+#include "sanitizers.hpp"
 #include "spots/refresh_reference.hpp"
 #include "temp_dir.hpp"
 
@@ -919,16 +920,6 @@ TEST_F(Refresh, WhicheverAllocationFailsTheNextRefreshMakesTheDayWhole) {
 
 // What it costs.
 
-#ifndef __has_feature  // Clang's way to tell; GCC has the macros
-#define __has_feature(feature) 0
-#endif
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || \
-    __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr bool kMemoryIsOurs = false;
-#else
-constexpr bool kMemoryIsOurs = true;
-#endif
-
 TEST_F(Refresh, LinesOfKnownCallsignsAndChannelsTakeNoMemoryOfTheirOwn) {
   dir.write("cty.dat", kCountries);
   const auto lines = [](double time) {
@@ -1015,7 +1006,7 @@ TEST_F(Refresh, ThirtyDaysOfOddHistoryFrequenciesAreHeldAsOneDay) {
   }
   EXPECT_EQ(data.intervals.size(), kDay);
   EXPECT_EQ(ratesHeld(data, -kEver).size(), kDay);
-  if (kMemoryIsOurs) {
+  if (!kSanitized) {
     EXPECT_LT(bytesInUse(), early + early / 10);
   }
 }
@@ -1051,7 +1042,7 @@ void expectLittleMemory(Act&& act) {
   resetPeakMemory();
   const long before = peakMemory();
   act();
-  if (kMemoryIsOurs) {
+  if (!kSanitized) {
     EXPECT_LT(peakMemory() - before, 64'000'000);
   }
 }
