@@ -91,11 +91,12 @@ class Workshop:
         self.links, self.seconds, self.objects = {}, {}, {}
 
     def programs(self, stem):
-        """The replay of the corpus of a stem, which ends sooner, and its test."""
+        """The replay of the corpus of a stem, which ends sooner, and its tests."""
         name = stem.split("/")[1]
         source = self.checkout / "src" / stem
         own = [name + kind for kind in ("_fuzz", "_test") if Path(f"{source}{kind}.cpp").exists()]
-        return own + NEIGHBOURS.get(stem, [])
+        more = (self.checkout / "tests/stems").glob(f"{name}_*_test.cpp")
+        return own + sorted(path.stem for path in more) + NEIGHBOURS.get(stem, [])
 
     def build_programs(self):
         programs = [program for stem in STEMS for program in self.programs(stem)]
