@@ -19,6 +19,7 @@ using namespace std::chrono_literals;
 using e2e::TlsClient;
 
 constexpr std::chrono::seconds kTricklePause = 5s;
+constexpr std::size_t kLongHeader = 8100;
 
 void trickle(const std::stop_token& stop, std::deque<TlsClient>& clients) {
   std::mutex mutex;
@@ -150,6 +151,14 @@ const char* nameOf(Crowd::Kind kind) {
       return "trickling body";
   }
   return "";
+}
+
+std::string longRange() { return "bytes=" + std::string(kLongHeader, '1') + "-"; }
+
+std::string manyRanges(const std::string& range) {
+  std::string many = "bytes=" + range;
+  while (many.size() < kLongHeader) many += "," + range;
+  return many;
 }
 
 std::vector<HarmfulBody> harmfulBodies(std::size_t unpacked, std::size_t plain) {

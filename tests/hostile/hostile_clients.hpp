@@ -36,6 +36,12 @@ class Crowd {
 
 const char* nameOf(Crowd::Kind kind);
 
+// Range headers about as long as the library takes a header, where a recursive expression matches
+// them: one range with a number of 8,100 digits, and the same short one over and over.
+//   manyRanges("0-0")  // "bytes=0-0,0-0,0-0,..."; "-" is the whole document
+std::string longRange();
+std::string manyRanges(const std::string& range);
+
 // A request whose body would cost memory.
 struct HarmfulBody {
   std::string name;

@@ -1,7 +1,6 @@
 // What surroundings and signals can do to the process, at full size.
 #include <atomic>
 #include <csignal>
-#include <filesystem>
 #include <functional>
 #include <random>
 #include <thread>
@@ -9,6 +8,8 @@
 #include "e2e/activity_model.hpp"
 #include "e2e/station.hpp"
 #include "history_file.hpp"
+#include "hostile/await.hpp"
+#include "hostile/busy_machine.hpp"
 #include "hostile/hostile_clients.hpp"
 #include "hostile/measure.hpp"
 #include "hostile/process_facts.hpp"
@@ -52,7 +53,7 @@ void stopWithBusyHistory(Report& report) {
   history.exec("BEGIN EXCLUSIVE");
   TlsClient phone(station.port());
   phone.send(e2e::requestText("GET", e2e::kActivityPath, e2e::bearer(e2e::kToken)));
-  std::this_thread::sleep_for(500ms);  // well inside the time that a busy history is waited for
+  awaitThat([&] { return hasOpen(server.pid(), station.workFile("history.sqlite3")); });
   stop(report, station, server, "the history busy");
   report.all("200 for the request that waited for it", phone.receive().status == 200 ? 1 : 0, 1);
 }
@@ -104,13 +105,7 @@ int cleanStarts(int count, unsigned seed) {
 void signals(Report& report) {
   constexpr int kStarts = 1000;
   constexpr unsigned kAtOnce = 8;
-  std::vector<std::jthread> load;
-  for (unsigned i = 0; i < std::thread::hardware_concurrency(); ++i) {
-    load.emplace_back([](const std::stop_token& end) {
-      while (!end.stop_requested()) {
-      }
-    });
-  }
+  const BusyMachine load(1);
   std::atomic<int> clean = 0;
   {
     std::vector<std::jthread> starters;
@@ -128,9 +123,8 @@ void signals(Report& report) {
 }
 
 void stacks(Report& report) {
-  std::string many = "bytes=0-0";
-  while (many.size() < 8100) many += ",0-0";
-  const std::string one = "bytes=" + std::string(8100, '1') + "-";
+  const std::string many = manyRanges("0-0");
+  const std::string one = longRange();
   const std::pair<const char*, rlim_t> limits[] = {
       {"1 MiB", 1 << 20}, {"2 MiB", 2 << 20}, {"8 MiB", 8 << 20}, {"unlimited", RLIM_INFINITY}};
   for (const auto& [name, limit] : limits) {

@@ -1,10 +1,15 @@
 // What the kernel tells about another process.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
+#include <cstddef>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 
 #include <sys/types.h>
 #include <unistd.h>
@@ -23,6 +28,21 @@ inline long long factOf(pid_t pid, const std::string& file, const std::string& k
 
 // The largest amount of memory that the process ever held at a time, in KiB.
 inline long long peakMemory(pid_t pid) { return factOf(pid, "status", "VmHWM:"); }
+
+// How many descriptors it has open.
+inline std::size_t openDescriptors(pid_t pid) {
+  const std::filesystem::directory_iterator all("/proc/" + std::to_string(pid) + "/fd");
+  return static_cast<std::size_t>(std::distance(begin(all), end(all)));
+}
+
+// Whether the file at `path` is one of them.
+inline bool hasOpen(pid_t pid, const std::string& path) {
+  const std::filesystem::directory_iterator all("/proc/" + std::to_string(pid) + "/fd");
+  return std::any_of(begin(all), end(all), [&](const auto& descriptor) {
+    std::error_code closed_meanwhile;
+    return read_symlink(descriptor.path(), closed_meanwhile) == path;
+  });
+}
 
 // Processor time that the process has used so far.
 inline std::chrono::milliseconds processorTime(pid_t pid) {

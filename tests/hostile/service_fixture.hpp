@@ -3,17 +3,16 @@
 #pragma once
 
 #include <chrono>
-#include <functional>
 #include <future>
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <thread>
 
 #include <gtest/gtest.h>
 
 #include "e2e/server_process.hpp"
 #include "e2e/tls_client.hpp"
+#include "hostile/await.hpp"
 #include "server/http_service.hpp"
 #include "server/tls_identity.hpp"
 #include "temp_dir.hpp"
@@ -23,15 +22,6 @@ namespace spotserver::hostile {
 using namespace std::chrono_literals;
 
 inline constexpr const char* kHealthRequest = "GET /api/v1/health HTTP/1.1\r\nHost: s\r\n\r\n";
-
-// Asks until `holds` does; throws when that takes longer than a healthy server may need.
-inline void awaitThat(const std::function<bool()>& holds) {
-  const auto deadline = e2e::Clock::now() + e2e::kPatience;
-  while (!holds()) {
-    if (e2e::Clock::now() > deadline) throw std::runtime_error("it never came to hold");
-    std::this_thread::yield();
-  }
-}
 
 class Service {
  public:
