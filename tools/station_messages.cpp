@@ -1,7 +1,7 @@
 #include "station_messages.hpp"
 
 #include <cstdint>
-#include <string_view>
+#include <string>
 
 #include "spots/mode.hpp"
 
@@ -62,82 +62,63 @@ constexpr MessageForm kWsprForms[] = {
     {4, true, "<%c> %h %p"}, {3, false, "<...> %h %p"},         {2, false, "<%c> %g %p"},
 };
 
-constexpr char kHex[] = "0123456789ABCDEF";
-
-void appendDigits(std::string& out, int count, Draws& draws) {
-  for (; count > 0; --count) out += draws.letter('0', '9');
+std::string digits(int count, Draws& draws) {
+  std::string text;
+  for (; count > 0; --count) text += draws.letter('0', '9');
+  return text;
 }
 
-void appendLower(std::string& out, std::string_view text) {
-  for (const char c : text) out += c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+std::string lower(std::string text) {
+  for (char& c : text) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
+  return text;
 }
 
-void appendReport(std::string& out, Draws& draws) {
-  const int report = draws.between(-24, 15);
-  out += report < 0 ? '-' : '+';
-  const int size = report < 0 ? -report : report;
-  out += static_cast<char>('0' + size / 10);
-  out += static_cast<char>('0' + size % 10);
+std::string report(Draws& draws) {
+  const int decibels = draws.between(-24, 15);
+  const int size = decibels < 0 ? -decibels : decibels;
+  return {decibels < 0 ? '-' : '+', static_cast<char>('0' + size / 10),
+          static_cast<char>('0' + size % 10)};
 }
 
-void appendTelemetry(std::string& out, Draws& draws) {
-  for (int i = 0; i < 18; ++i) out += kHex[draws.below(16)];
+std::string telemetry(Draws& draws) {
+  std::string text;
+  for (int i = 0; i < 18; ++i) text += "0123456789ABCDEF"[draws.below(16)];
+  return text;
 }
+
+// What stands for "%" and a letter; any other letter stands for itself.
+constexpr struct {
+  char letter;
+  std::string (*value)(const Cast& cast, Draws& draws);
+} kValues[] = {
+    {'s', [](const Cast& cast, Draws&) { return cast.sender.callsign; }},
+    {'o', [](const Cast& cast, Draws&) { return cast.other.callsign; }},
+    {'t', [](const Cast& cast, Draws&) { return cast.third.callsign; }},
+    {'c', [](const Cast& cast, Draws&) { return cast.sender.compound; }},
+    {'d', [](const Cast& cast, Draws&) { return cast.other.compound; }},
+    {'g', [](const Cast& cast, Draws&) { return cast.sender.locator.substr(0, 4); }},
+    {'h', [](const Cast& cast, Draws&) { return cast.sender.locator.substr(0, 6); }},
+    {'i', [](const Cast& cast, Draws&) { return cast.sender.locator; }},
+    {'l', [](const Cast& cast, Draws&) { return lower(cast.sender.callsign); }},
+    {'m', [](const Cast& cast, Draws&) { return lower(cast.sender.locator.substr(0, 4)); }},
+    {'p', [](const Cast& cast, Draws&) { return std::to_string(cast.sender.power_dbm); }},
+    {'r', [](const Cast&, Draws& draws) { return report(draws); }},
+    {'n', [](const Cast&, Draws& draws) { return digits(6, draws); }},
+    {'a', [](const Cast&, Draws& draws) { return digits(3, draws); }},
+    {'w', [](const Cast&, Draws& draws) { return std::to_string(draws.between(-3, 3)); }},
+    {'x', [](const Cast&, Draws& draws) { return telemetry(draws); }},
+};
 
 void appendValue(std::string& out, char letter, const Cast& cast, Draws& draws) {
-  const std::string_view locator = cast.sender.locator;
-  switch (letter) {
-    case 's':
-      out += cast.sender.callsign;
-      break;
-    case 'o':
-      out += cast.other.callsign;
-      break;
-    case 't':
-      out += cast.third.callsign;
-      break;
-    case 'c':
-      out += cast.sender.compound;
-      break;
-    case 'd':
-      out += cast.other.compound;
-      break;
-    case 'g':
-      out += locator.substr(0, 4);
-      break;
-    case 'h':
-      out += locator.substr(0, 6);
-      break;
-    case 'i':
-      out += locator;
-      break;
-    case 'r':
-      appendReport(out, draws);
-      break;
-    case 'n':
-      appendDigits(out, 6, draws);
-      break;
-    case 'a':
-      appendDigits(out, 3, draws);
-      break;
-    case 'p':
-      out += std::to_string(cast.sender.power_dbm);
-      break;
-    case 'w':
-      out += std::to_string(draws.between(-3, 3));
-      break;
-    case 'x':
-      appendTelemetry(out, draws);
-      break;
-    case 'l':
-      appendLower(out, cast.sender.callsign);
-      break;
-    case 'm':
-      appendLower(out, locator.substr(0, 4));
-      break;
-    default:
-      out += letter;
+  for (const auto& [known, value] : kValues) {
+    if (known == letter) {
+      out += value(cast, draws);
+      return;
+    }
   }
+  out += letter;
 }
 
 }  // namespace
