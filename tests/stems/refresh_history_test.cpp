@@ -76,6 +76,23 @@ TEST_F(Refresh, LaterHistoryWindowsOverlapTheLastOneBy300Seconds) {
   EXPECT_EQ(data.history_read_to, kNow + 30);
 }
 
+TEST_F(Refresh, SlotLateByExactly300SecondsIsSeenAndOneASecondLaterIsNot) {
+  const auto minute = static_cast<std::int64_t>(kNow) / 60 - 10;
+  for (const int seconds : {300, 301}) {
+    data = SpotData{};
+    data.history_path = dir.path(std::to_string(seconds));
+    HistoryFile history(data.history_path);
+    const double first = static_cast<double>(minute) * 60 + seconds;
+    addMinute(history, first);
+    refresh(first);
+    ASSERT_TRUE(data.history_in_use);
+    const std::size_t before = data.intervals.size();
+    history.add({.minute = minute, .mask = 1});  // its first slot
+    refresh(first + 30);
+    EXPECT_EQ(data.intervals.size() - before, seconds == 300 ? 1u : 0u) << seconds;
+  }
+}
+
 TEST_F(Refresh, AfterALongPauseTheHistoryIsReadNoFurtherBackThanTheRetention) {
   HistoryFile history = makeHistory();
   refresh();

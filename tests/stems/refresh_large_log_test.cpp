@@ -41,6 +41,18 @@ TEST_F(Refresh, LargeLogWhoseFirstHalfIsTooOldIsReadFromNearItsMiddle) {
   EXPECT_LE(data.accepted_lines, (recent.size() + 65'536) / line);
 }
 
+// Of lines longer than the last step of the search it finds the very first.
+TEST_F(Refresh, LargeLogIsBegunAtTheFirstLineOfTheLast89700Seconds) {
+  std::string log;
+  for (int age = 89'720; age >= 89'690; --age) {
+    log += heard("N0AAA", age);
+    log.insert(log.size() - 1, std::string(70'000, ' '));
+  }
+  writeLog(log);
+  refresh();
+  EXPECT_EQ(data.accepted_lines, 12u);  // aged 89,701, one before the begin, to 89,690
+}
+
 TEST_F(Refresh, LogOfOneMebibyteIsReadWholeAndOneByteMoreIsSearched) {
   // Everything is too old to be held, so a search comes out near the end.
   std::string log = longLog((1 << 20) - 100, 1, kNow - 200'000);
