@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <vector>
 
@@ -57,6 +58,11 @@ void change_stop_signals(int how) {
 void hold_stop_signals() { change_stop_signals(SIG_BLOCK); }
 void release_stop_signals() { change_stop_signals(SIG_UNBLOCK); }
 
+// Past a NUL as well, which a path or a token from the configuration file may hold.
+void print(std::string_view text, std::FILE* stream) {
+  std::fwrite(text.data(), 1, text.size(), stream);
+}
+
 // --- failures ---
 
 // Why the start ends: the exit status and the sentence for the user. A plain record, since the
@@ -67,7 +73,8 @@ struct StartFailure {
 };
 
 int tell(const StartFailure& failure) {
-  std::fprintf(stderr, "%s\n", failure.sentence.c_str());
+  print(failure.sentence, stderr);
+  print("\n", stderr);
   return failure.status;
 }
 
@@ -140,7 +147,7 @@ std::optional<int> settle_process(const ServerSettings& settings,
 
 void greet(const ServerSettings& settings, const BannerFacts& facts) {
   if (settings.daemon) std::printf("Daemon PID: %ld\n", static_cast<long>(::getpid()));
-  std::fputs(banner_text(settings, facts).c_str(), stdout);
+  print(banner_text(settings, facts), stdout);
   std::fflush(stdout);
 }
 
@@ -204,10 +211,10 @@ int do_as_told(int argc, char** argv) {
   });
   switch (line.action) {
     case CommandLine::Action::kShowHelp:
-      std::fputs(help_text(argument0, directories).c_str(), stdout);
+      print(help_text(argument0, directories), stdout);
       return 0;
     case CommandLine::Action::kShowVersion:
-      std::fputs(version_text().c_str(), stdout);
+      print(version_text(), stdout);
       return 0;
     case CommandLine::Action::kRun:
       break;

@@ -118,6 +118,16 @@ TEST(Banner, ShowsAddressPortAndTokenAsGiven) {
       << banner;
 }
 
+TEST(Banner, DoesNotEndAtANul) {
+  const Station station;
+  const std::string token("a\0b", 3);
+  writeFile(station.workFile("spot.conf"), "token = " + token + "\n");
+  ServerProcess server(station.launch(
+      {"--config", "spot.conf", "--port", station.portText(), "--bind", "127.0.0.1"}));
+  EXPECT_EQ(bannerValue(server.awaitOutput(kReady), "Token:"), token);
+  EXPECT_EQ(station.get(kActivityPath, bearer(token)).status, 200);
+}
+
 TEST(Banner, ListensOnAllInterfacesByDefault) {
   const Station station;
   ServerProcess server(station.launch({"--port", station.portText()}));
