@@ -21,8 +21,8 @@ std::string ActivityAnswer::document(double generated) const {
 
 std::optional<std::string> ActivityAnswer::gzippedDocument(double generated) const {
   if (tail().size() < kShort) return std::nullopt;
-  deflated_.call([this] { deflated_tail_ = deflateTail(tail_); });
-  return gzipFile(documentHead(generated), deflated_tail_);
+  deflated_.call([this] { deflated_tail_ = deflate_tail(tail_); });
+  return gzip_file(documentHead(generated), deflated_tail_);
 }
 
 const std::string& ActivityAnswer::tail() const {

@@ -30,7 +30,7 @@ class ActivityAnswer {
   std::string document(double generated) const;
 
   // The same as a gzip file; empty where the text is too short for that to be worth it. Cost: a
-  // copy of some seventh of the text, the first time the compression, see deflateTail.
+  // copy of some seventh of the text, the first time the compression, see deflate_tail.
   std::optional<std::string> gzippedDocument(double generated) const;
 
  private:

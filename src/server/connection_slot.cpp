@@ -9,11 +9,11 @@ namespace {
 
 using Time = ConnectionSlot::Time;
 
-bool isFreeSoon(const ConnectionSlot* slot) { return slot->phase == Phase::kFree || slot->cut; }
+bool is_free_soon(const ConnectionSlot* slot) { return slot->phase == Phase::kFree || slot->cut; }
 
-bool isIdle(const ConnectionSlot& slot) { return slot.phase == Phase::kIdle; }
+bool is_idle(const ConnectionSlot& slot) { return slot.phase == Phase::kIdle; }
 
-bool isWriting(const ConnectionSlot& slot) {
+bool is_writing(const ConnectionSlot& slot) {
   return slot.phase == Phase::kServing && slot.writing_since;
 }
 
@@ -28,19 +28,19 @@ ConnectionSlot* longest(ConnectionSlots slots, bool (*is)(const ConnectionSlot&)
   return found;
 }
 
-std::size_t shareOf(const ConnectionLimits& limits) {
+std::size_t share_of(const ConnectionLimits& limits) {
   return limits.all_request_bytes / limits.workers;
 }
 
 // Keeps what all requests hold in memory within bounds. One within its share is never the cause.
-void cutLargestRequest(ConnectionSlots slots, const ConnectionLimits& limits) {
+void cut_largest_request(ConnectionSlots slots, const ConnectionLimits& limits) {
   std::size_t all = 0;
   ConnectionSlot* largest = nullptr;
   for (ConnectionSlot* slot : slots) {
     all += slot->received;
     if (!slot->cut && (!largest || slot->received > largest->received)) largest = slot;
   }
-  if (largest && all > limits.all_request_bytes && largest->received > shareOf(limits)) {
+  if (largest && all > limits.all_request_bytes && largest->received > share_of(limits)) {
     cut(*largest);
   }
 }
@@ -57,7 +57,7 @@ void enter(ConnectionSlot& slot, Phase phase, Time now) {
   slot.turns = 0;
 }
 
-std::optional<Time> deadlineOf(const ConnectionSlot& slot, const ConnectionLimits& limits) {
+std::optional<Time> deadline_of(const ConnectionSlot& slot, const ConnectionLimits& limits) {
   switch (slot.phase) {
     case Phase::kHandshake:
       return slot.since + limits.handshake;
@@ -74,7 +74,7 @@ std::optional<Time> deadlineOf(const ConnectionSlot& slot, const ConnectionLimit
   return std::nullopt;
 }
 
-bool isDeep(const ConnectionSlot& slot, const ConnectionLimits& limits) {
+bool is_deep(const ConnectionSlot& slot, const ConnectionLimits& limits) {
   return slot.received > limits.deep_request_bytes;
 }
 
@@ -83,40 +83,40 @@ void cut(ConnectionSlot& slot) {
   if (slot.fd >= 0) ::shutdown(slot.fd, SHUT_RDWR);
 }
 
-void cutOverstayed(ConnectionSlots slots, const ConnectionLimits& limits, Time now) {
+void cut_overstayed(ConnectionSlots slots, const ConnectionLimits& limits, Time now) {
   for (ConnectionSlot* slot : slots) {
-    const auto deadline = deadlineOf(*slot, limits);
+    const auto deadline = deadline_of(*slot, limits);
     if (!slot->cut && deadline && *deadline <= now) cut(*slot);
   }
 }
 
-void cutAll(ConnectionSlots slots, Phase last) {
+void cut_all(ConnectionSlots slots, Phase last) {
   for (ConnectionSlot* slot : slots) {
     if (slot->phase != Phase::kFree && slot->phase <= last) cut(*slot);
   }
 }
 
-void makeRoom(ConnectionSlots slots, const ConnectionLimits& limits, Time now,
-              std::size_t waiting) {
-  auto room = static_cast<std::size_t>(std::count_if(slots.begin(), slots.end(), isFreeSoon));
+void make_room(ConnectionSlots slots, const ConnectionLimits& limits, Time now,
+               std::size_t waiting) {
+  auto room = static_cast<std::size_t>(std::count_if(slots.begin(), slots.end(), is_free_soon));
   for (; room < waiting; ++room) {
-    ConnectionSlot* leaving = longest(slots, isIdle, limits.idle, now);
-    if (!leaving) leaving = longest(slots, isWriting, limits.write, now);
+    ConnectionSlot* leaving = longest(slots, is_idle, limits.idle, now);
+    if (!leaving) leaving = longest(slots, is_writing, limits.write, now);
     if (!leaving) return;
     cut(*leaving);
   }
 }
 
-void noteReceived(ConnectionSlots slots, ConnectionSlot& slot, const ConnectionLimits& limits,
-                  Time now, std::size_t bytes) {
+void note_received(ConnectionSlots slots, ConnectionSlot& slot, const ConnectionLimits& limits,
+                   Time now, std::size_t bytes) {
   if (slot.phase == Phase::kIdle) enter(slot, Phase::kReading, now);
   if (slot.phase != Phase::kReading) return;
   slot.received += bytes;
   if (slot.received > limits.request_bytes) cut(slot);
-  if (slot.received > shareOf(limits)) cutLargestRequest(slots, limits);
+  if (slot.received > share_of(limits)) cut_largest_request(slots, limits);
 }
 
-std::size_t inFlight(ConnectionSlots slots) {
+std::size_t in_flight(ConnectionSlots slots) {
   return static_cast<std::size_t>(std::count_if(
       slots.begin(), slots.end(), [](const auto* slot) { return slot->phase >= Phase::kReading; }));
 }

@@ -57,11 +57,11 @@ void enter(ConnectionSlot& slot, Phase phase, ConnectionSlot::Time now);
 // When the slot's connection will have overstayed; empty: it may stay. An idle connection may stay
 // until the library ends it, or until others wait and no worker is free: then the one idle longest
 // gives way.
-std::optional<ConnectionSlot::Time> deadlineOf(const ConnectionSlot& slot,
-                                               const ConnectionLimits& limits);
+std::optional<ConnectionSlot::Time> deadline_of(const ConnectionSlot& slot,
+                                                const ConnectionLimits& limits);
 
 // Whether the request so far is one of those that are parsed one at a time.
-bool isDeep(const ConnectionSlot& slot, const ConnectionLimits& limits);
+bool is_deep(const ConnectionSlot& slot, const ConnectionLimits& limits);
 
 // Shuts the socket down but does not close it: the worker finds the connection at its end and
 // leaves by the ordinary path.
@@ -71,24 +71,25 @@ void cut(ConnectionSlot& slot);
 using ConnectionSlots = std::span<ConnectionSlot* const>;
 
 // Cuts what has overstayed.
-void cutOverstayed(ConnectionSlots slots, const ConnectionLimits& limits, ConnectionSlot::Time now);
+void cut_overstayed(ConnectionSlots slots, const ConnectionLimits& limits,
+                    ConnectionSlot::Time now);
 
 // Cuts all that are in one of the phases up to `last`, as the service stops.
-void cutAll(ConnectionSlots slots, Phase last);
+void cut_all(ConnectionSlots slots, Phase last);
 
 // When `waiting` connections are more than there are workers free or about to be, cuts those that
 // have been idle longest. A connection between handshake and first request is idle too: limits.idle
 // gives it the time to ask. When nobody is idle, the answers go that are longest under way and have
 // not been taken within limits.write.
-void makeRoom(ConnectionSlots slots, const ConnectionLimits& limits, ConnectionSlot::Time now,
-              std::size_t waiting);
+void make_room(ConnectionSlots slots, const ConnectionLimits& limits, ConnectionSlot::Time now,
+               std::size_t waiting);
 
 // Takes note of bytes that have come for `slot`, one of `slots`. Cuts it when its request is too
 // long; when all requests together are, cuts the largest, but none within its share.
-void noteReceived(ConnectionSlots slots, ConnectionSlot& slot, const ConnectionLimits& limits,
-                  ConnectionSlot::Time now, std::size_t bytes);
+void note_received(ConnectionSlots slots, ConnectionSlot& slot, const ConnectionLimits& limits,
+                   ConnectionSlot::Time now, std::size_t bytes);
 
 // Requests of which a byte has come and the answer is not written yet.
-std::size_t inFlight(ConnectionSlots slots);
+std::size_t in_flight(ConnectionSlots slots);
 
 }  // namespace spotserver

@@ -26,7 +26,7 @@ thread_local ConnectionWorker* worker_here = nullptr;
 
 bool ConnectionWorker::start() {
   MutexLock lock(place_.mutex);  // the new thread waits for it
-  if (!startThread(thread_, kStack, entry, this)) return false;
+  if (!start_thread(thread_, kStack, entry, this)) return false;
   place_.slots.push_back(&slot_);
   ++place_.free_workers;
   return true;
@@ -41,23 +41,23 @@ ConnectionWorker* ConnectionWorker::current() { return worker_here; }
 void* ConnectionWorker::entry(void* worker) {
   worker_here = static_cast<ConnectionWorker*>(worker);
   const ObservedThread observed(*worker_here);
-  worker_here->workUntilStopped();
+  worker_here->work_until_stopped();
   return nullptr;
 }
 
-void ConnectionWorker::workUntilStopped() {
-  while (auto job = nextJob()) {
+void ConnectionWorker::work_until_stopped() {
+  while (auto job = next_job()) {
     serve(*job);
     job.reset();  // and what it holds, before its worker is free
-    endJob();
+    end_job();
   }
   MutexLock lock(place_.mutex);
   ++place_.left_workers;
-  place_.done.notifyAll();
+  place_.done.notify_all();
 }
 
 // None: the service stops and nobody waits any more.
-std::optional<ConnectionWorker::Job> ConnectionWorker::nextJob() {
+std::optional<ConnectionWorker::Job> ConnectionWorker::next_job() {
   MutexLock lock(place_.mutex);
   while (!place_.stopping && place_.jobs.empty()) place_.work.wait(place_.mutex);
   if (place_.jobs.empty()) return std::nullopt;
@@ -65,7 +65,7 @@ std::optional<ConnectionWorker::Job> ConnectionWorker::nextJob() {
   --place_.free_workers;
   slot_ = ConnectionSlot{};
   enter(slot_, Phase::kHandshake, Clock::now());
-  if (place_.watcher_sleeps) place_.watch.notifyOne();  // else it looks again soon by itself
+  if (place_.watcher_sleeps) place_.watch.notify_one();  // else it looks again soon by itself
   return job;
 }
 
@@ -76,11 +76,11 @@ void ConnectionWorker::serve(const Job& job) noexcept {
   try {
     job();
   } catch (...) {
-    closeConnection();
+    close_connection();
   }
 }
 
-void ConnectionWorker::closeConnection() {
+void ConnectionWorker::close_connection() {
   Fd socket;  // closed behind its connection
   SslPtr connection;
   MutexLock lock(place_.mutex);
@@ -88,44 +88,44 @@ void ConnectionWorker::closeConnection() {
   connection.reset(std::exchange(slot_.ssl, nullptr));
 }
 
-void ConnectionWorker::endJob() {
+void ConnectionWorker::end_job() {
   MutexLock lock(place_.mutex);
   parsed();
   slot_ = ConnectionSlot{};
   ++place_.free_workers;
-  place_.ended.notifyOne();
+  place_.ended.notify_one();
 }
 
 // --- what its connection reports ---
 
-void ConnectionWorker::handshakeBegan(SSL& connection) noexcept {
+void ConnectionWorker::handshake_began(SSL& connection) noexcept {
   MutexLock lock(place_.mutex);
   slot_.ssl = &connection;
   slot_.fd = SSL_get_fd(&connection);
   if (place_.stopping || slot_.cut) cut(slot_);
 }
 
-void ConnectionWorker::handshakeDone() noexcept {
+void ConnectionWorker::handshake_done() noexcept {
   MutexLock lock(place_.mutex);
   if (slot_.phase == Phase::kHandshake) enter(slot_, Phase::kIdle, Clock::now());
 }
 
 // A socket that was shut down still hands out what the peer goes on sending.
-bool ConnectionWorker::mayRead() noexcept {
+bool ConnectionWorker::may_read() noexcept {
   MutexLock lock(place_.mutex);
-  if (!slot_.cut) endTurn();  // what came was not parsed yet: more is needed
+  if (!slot_.cut) end_turn();  // what came was not parsed yet: more is needed
   return !slot_.cut;
 }
 
 bool ConnectionWorker::received(std::size_t bytes) noexcept {
   {
     MutexLock lock(place_.mutex);
-    noteReceived(place_.slots, slot_, place_.limits, Clock::now(), bytes);
+    note_received(place_.slots, slot_, place_.limits, Clock::now(), bytes);
   }
-  return takeTurn();
+  return take_turn();
 }
 
-bool ConnectionWorker::mayWrite() noexcept {
+bool ConnectionWorker::may_write() noexcept {
   MutexLock lock(place_.mutex);
   if (!slot_.cut && !slot_.writing_since) slot_.writing_since = Clock::now();
   return !slot_.cut;
@@ -145,48 +145,48 @@ void ConnectionWorker::released() noexcept {
 
 // --- what the library reports of its requests ---
 
-void ConnectionWorker::headComplete() {
+void ConnectionWorker::head_complete() {
   MutexLock lock(place_.mutex);
   parsed();
   enter(slot_, Phase::kBody, Clock::now());
 }
 
 // Of requests that came in one piece the second has its head read while the slot is idle.
-bool ConnectionWorker::isReadingHead() {
+bool ConnectionWorker::is_reading_head() {
   MutexLock lock(place_.mutex);
   return slot_.phase < Phase::kBody;
 }
 
-void ConnectionWorker::requestComplete() {
+void ConnectionWorker::request_complete() {
   MutexLock lock(place_.mutex);
   if (slot_.phase == Phase::kServing) return;
   parsed();
   enter(slot_, Phase::kServing, Clock::now());
 }
 
-void ConnectionWorker::closeAfterAnswer() {
+void ConnectionWorker::close_after_answer() {
   MutexLock lock(place_.mutex);
   slot_.close_after_answer = true;
 }
 
-bool ConnectionWorker::closesAfterAnswer() {
+bool ConnectionWorker::closes_after_answer() {
   MutexLock lock(place_.mutex);
-  if (bytesAhead() > place_.limits.deep_request_bytes) slot_.close_after_answer = true;
+  if (bytes_ahead() > place_.limits.deep_request_bytes) slot_.close_after_answer = true;
   return slot_.close_after_answer;
 }
 
 void ConnectionWorker::answered() {
   MutexLock lock(place_.mutex);
   if (slot_.close_after_answer && !slot_.cut) {  // who was cut is told nothing more
-    lingerUnlocked(slot_.fd, slot_.ssl);
+    linger_unlocked(slot_.fd, slot_.ssl);
     cut(slot_);
   }
   parsed();
   enter(slot_, Phase::kIdle, Clock::now());
-  slot_.received = bytesAhead();
+  slot_.received = bytes_ahead();
 }
 
-void ConnectionWorker::lingerUnlocked(int fd, SSL* ssl) {
+void ConnectionWorker::linger_unlocked(int fd, SSL* ssl) {
   place_.mutex.unlock();
   linger(fd, ssl, place_.limits.linger);
   place_.mutex.lock();
@@ -199,13 +199,13 @@ void ConnectionWorker::lingerUnlocked(int fd, SSL* ssl) {
 
 // Before the bytes just read go to the library; false when the slot was cut and they must not. A
 // turn ends by itself when the library does not parse but waits for more.
-bool ConnectionWorker::takeTurn() {
+bool ConnectionWorker::take_turn() {
   MutexLock lock(place_.mutex);
-  if (slot_.phase != Phase::kReading || !isDeep(slot_, place_.limits)) return !slot_.cut;
+  if (slot_.phase != Phase::kReading || !is_deep(slot_, place_.limits)) return !slot_.cut;
   slot_.awaits_turn = true;
   auto now = Clock::now();
-  for (; !slot_.cut && !isNext(place_.turn, place_.slots, slot_, now); now = Clock::now()) {
-    place_.next.waitUntil(place_.mutex, nextLook(place_.turn, place_.limits, now));
+  for (; !slot_.cut && !is_next(place_.turn, place_.slots, slot_, now); now = Clock::now()) {
+    place_.next.wait_until(place_.mutex, next_look(place_.turn, place_.limits, now));
   }
   slot_.awaits_turn = false;
   if (!slot_.cut) take(place_.turn, slot_, place_.limits, now);
@@ -214,21 +214,21 @@ bool ConnectionWorker::takeTurn() {
 
 // Bytes of a next request that came together with this one: the library will parse them without
 // another read of the socket, so no turn can be taken for them.
-std::size_t ConnectionWorker::bytesAhead() const {
+std::size_t ConnectionWorker::bytes_ahead() const {
   return slot_.ssl ? static_cast<std::size_t>(SSL_pending(slot_.ssl)) : 0;
 }
 
 // With nothing of the library's parser left on this thread's stack.
 void ConnectionWorker::parsed() {
-  if (!isDeep(slot_, place_.limits)) return;
-  trimStack();
-  endTurn();
+  if (!is_deep(slot_, place_.limits)) return;
+  trim_stack();
+  end_turn();
 }
 
-void ConnectionWorker::endTurn() {
+void ConnectionWorker::end_turn() {
   if (place_.turn.holder != &slot_) return;
   place_.turn.holder = nullptr;
-  place_.next.notifyAll();
+  place_.next.notify_all();
 }
 
 }  // namespace spotserver

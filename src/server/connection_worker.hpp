@@ -54,36 +54,36 @@ class ConnectionWorker final : SocketObserver {
   static ConnectionWorker* current();
 
   // Of the request under way, by its own thread; as Connections has them.
-  void headComplete();
-  bool isReadingHead();
-  void requestComplete();
-  void closeAfterAnswer();
-  bool closesAfterAnswer();
+  void head_complete();
+  bool is_reading_head();
+  void request_complete();
+  void close_after_answer();
+  bool closes_after_answer();
   void answered();
 
  private:
   using Job = WaitingLine::Job;
 
   static void* entry(void* worker);
-  void workUntilStopped();
-  std::optional<Job> nextJob();
+  void work_until_stopped();
+  std::optional<Job> next_job();
   void serve(const Job& job) noexcept;
-  void closeConnection();
-  void endJob();
+  void close_connection();
+  void end_job();
 
-  void handshakeBegan(SSL& connection) noexcept override;
-  void handshakeDone() noexcept override;
-  bool mayRead() noexcept override;
-  bool mayWrite() noexcept override;
+  void handshake_began(SSL& connection) noexcept override;
+  void handshake_done() noexcept override;
+  bool may_read() noexcept override;
+  bool may_write() noexcept override;
   bool received(std::size_t bytes) noexcept override;
   void written() noexcept override;
   void released() noexcept override;
 
-  bool takeTurn();
-  void endTurn() SPOT_REQUIRES(place_.mutex);
+  bool take_turn();
+  void end_turn() SPOT_REQUIRES(place_.mutex);
   void parsed() SPOT_REQUIRES(place_.mutex);
-  std::size_t bytesAhead() const SPOT_REQUIRES(place_.mutex);
-  void lingerUnlocked(int fd, SSL* ssl) SPOT_REQUIRES(place_.mutex);
+  std::size_t bytes_ahead() const SPOT_REQUIRES(place_.mutex);
+  void linger_unlocked(int fd, SSL* ssl) SPOT_REQUIRES(place_.mutex);
 
   Workplace& place_;
   pthread_t thread_{};

@@ -64,29 +64,29 @@ struct Connections::Core {
 
   // The watcher first: without it nothing bounds what a connection may cost.
   void start() {
-    shareMemoryPools();
+    share_memory_pools();
     const SpareMemory spare;
-    has_watcher = startThread(watcher, kWatcherStack, watcherEntry, this);
-    while (has_watcher && workers.size() < place.limits.workers && addWorker()) {
+    has_watcher = start_thread(watcher, kWatcherStack, watcher_entry, this);
+    while (has_watcher && workers.size() < place.limits.workers && add_worker()) {
     }
     if (workers.empty()) {
       throw std::system_error(EAGAIN, std::generic_category(), "No worker thread");
     }
   }
 
-  bool addWorker() {
+  bool add_worker() {
     auto worker = std::make_unique<ConnectionWorker>(place);
     if (!worker->start()) return false;
     workers.push_back(std::move(worker));
     return true;
   }
 
-  static void* watcherEntry(void* argument) {
-    static_cast<Core*>(argument)->watchUntilReleased();
+  static void* watcher_entry(void* argument) {
+    static_cast<Core*>(argument)->watch_until_released();
     return nullptr;
   }
 
-  void watchUntilReleased() {
+  void watch_until_released() {
     MutexLock lock(place.mutex);
     while (!released) {
       if (place.free_workers == place.slots.size() && place.jobs.empty()) {
@@ -94,11 +94,11 @@ struct Connections::Core {
         place.watch.wait(place.mutex);
         place.watcher_sleeps = false;
       } else {
-        place.watch.waitFor(place.mutex, kWatchInterval);
+        place.watch.wait_for(place.mutex, kWatchInterval);
       }
       const auto now = Clock::now();
-      cutOverstayed(place.slots, place.limits, now);
-      makeRoom(place.slots, place.limits, now, place.jobs.waitingSince(now - kWatchInterval));
+      cut_overstayed(place.slots, place.limits, now);
+      make_room(place.slots, place.limits, now, place.jobs.waiting_since(now - kWatchInterval));
     }
   }
 
@@ -106,22 +106,22 @@ struct Connections::Core {
 
   // Whether the job was taken.
   bool enqueue(Job job) {
-    awaitRoom();
+    await_room();
     {
       MutexLock lock(place.mutex);
       if (place.jobs.full()) return false;
       place.jobs.push(std::move(job), Clock::now());
     }
-    place.work.notifyOne();  // with the lock free for whom it wakes
+    place.work.notify_one();  // with the lock free for whom it wakes
     return true;
   }
 
   // Beyond the bound the accept loop waits, so that descriptors are left for the station's files.
   // Whoever ends it cannot notify: that is a signal handler.
-  void awaitRoom() {
+  void await_room() {
     MutexLock lock(place.mutex);
     while (accepting && connections() >= place.limits.connections) {
-      place.ended.waitFor(place.mutex, kWatchInterval);
+      place.ended.wait_for(place.mutex, kWatchInterval);
     }
   }
 
@@ -135,22 +135,22 @@ struct Connections::Core {
     {
       MutexLock lock(place.mutex);
       place.stopping = true;
-      cutAll(place.slots, Phase::kIdle);
+      cut_all(place.slots, Phase::kIdle);
     }
-    place.work.notifyAll();
+    place.work.notify_all();
     if (on_stopping) on_stopping();
-    if (!waitForWorkers(begin + place.limits.drain)) {
+    if (!wait_for_workers(begin + place.limits.drain)) {
       {
         MutexLock lock(place.mutex);
-        cutAll(place.slots, Phase::kServing);
+        cut_all(place.slots, Phase::kServing);
       }
-      abandoned = !waitForWorkers(begin + place.limits.release);
+      abandoned = !wait_for_workers(begin + place.limits.release);
     }
     {
       MutexLock lock(place.mutex);
       released = true;
     }
-    place.watch.notifyAll();
+    place.watch.notify_all();
     if (has_watcher) pthread_join(watcher, nullptr);
     for (const auto& worker : workers) {
       if (abandoned) {
@@ -161,16 +161,16 @@ struct Connections::Core {
     }
   }
 
-  bool hasStopped() {
+  bool has_stopped() {
     MutexLock lock(place.mutex);
     return released;
   }
 
   // Whether all have left by `end`.
-  bool waitForWorkers(Time end) {
+  bool wait_for_workers(Time end) {
     MutexLock lock(place.mutex);
     while (place.left_workers < place.slots.size() && Clock::now() < end) {
-      place.done.waitUntil(place.mutex, end);
+      place.done.wait_until(place.mutex, end);
     }
     return place.left_workers == place.slots.size();
   }
@@ -180,13 +180,13 @@ Connections::Connections(const ConnectionLimits& limits, std::function<void()> o
     : core_(std::make_unique<Core>(limits, std::move(on_stopping))) {}
 
 Connections::~Connections() {
-  if (core_->has_watcher && !core_->hasStopped()) core_->stop();
+  if (core_->has_watcher && !core_->has_stopped()) core_->stop();
   if (!core_->abandoned) return;
   static std::atomic<Core*> left_behind;  // a worker still uses it
   left_behind = core_.release();
 }
 
-void Connections::watch(SSL_CTX* context) { watchSockets(context); }
+void Connections::watch(SSL_CTX* context) { watch_sockets(context); }
 
 void Connections::start() { core_->start(); }
 
@@ -196,35 +196,35 @@ std::unique_ptr<httplib::TaskQueue> Connections::queue() {
 
 void Connections::stop() { core_->stop(); }
 
-std::size_t Connections::inFlight() const {
+std::size_t Connections::in_flight() const {
   MutexLock lock(core_->place.mutex);
-  return spotserver::inFlight(core_->place.slots);
+  return spotserver::in_flight(core_->place.slots);
 }
 
-void Connections::releaseAcceptLoop() noexcept { core_->accepting = false; }
+void Connections::release_accept_loop() noexcept { core_->accepting = false; }
 
 bool Connections::abandoned() const { return core_->abandoned; }
 
-void Connections::headComplete() {
-  if (auto* worker = ConnectionWorker::current()) worker->headComplete();
+void Connections::head_complete() {
+  if (auto* worker = ConnectionWorker::current()) worker->head_complete();
 }
 
-bool Connections::isReadingHead() {
+bool Connections::is_reading_head() {
   auto* worker = ConnectionWorker::current();
-  return worker && worker->isReadingHead();
+  return worker && worker->is_reading_head();
 }
 
-void Connections::requestComplete() {
-  if (auto* worker = ConnectionWorker::current()) worker->requestComplete();
+void Connections::request_complete() {
+  if (auto* worker = ConnectionWorker::current()) worker->request_complete();
 }
 
-void Connections::closeAfterAnswer() {
-  if (auto* worker = ConnectionWorker::current()) worker->closeAfterAnswer();
+void Connections::close_after_answer() {
+  if (auto* worker = ConnectionWorker::current()) worker->close_after_answer();
 }
 
-bool Connections::closesAfterAnswer() {
+bool Connections::closes_after_answer() {
   auto* worker = ConnectionWorker::current();
-  return worker && worker->closesAfterAnswer();
+  return worker && worker->closes_after_answer();
 }
 
 void Connections::answered() {

@@ -45,14 +45,14 @@ class Connections {
   std::unique_ptr<httplib::TaskQueue> queue();
 
   // The accept loop is about to end: hold it up no longer. Async-signal-safe.
-  void releaseAcceptLoop() noexcept;
+  void release_accept_loop() noexcept;
 
   // Ends the service: idle connections at once, requests in flight after limits.drain at the
   // latest. Once only, after start() and when no accept loop runs any more.
   void stop();
 
   // Requests of which a byte has come and the answer is not written yet.
-  std::size_t inFlight() const;
+  std::size_t in_flight() const;
 
   // Whether a worker had to be left behind when the service stopped. The process must then end
   // without releasing what that worker may still use.
@@ -61,16 +61,16 @@ class Connections {
   // The rest is for the worker thread that serves the request, and without effect elsewhere.
 
   // The request head is complete, its body is still to be read.
-  static void headComplete();
-  // Whether neither that nor requestComplete() was said of the request under way.
-  static bool isReadingHead();
+  static void head_complete();
+  // Whether neither that nor request_complete() was said of the request under way.
+  static bool is_reading_head();
   // The request is complete. Nothing changes when it was before.
-  static void requestComplete();
+  static void request_complete();
   // Close the connection once the answer is written, whatever the peer still sends.
-  static void closeAfterAnswer();
+  static void close_after_answer();
   // Whether it was said, or a large request came together with this one, for which it would be too
   // late to wait until others are parsed. Asked when all of this one was read.
-  static bool closesAfterAnswer();
+  static bool closes_after_answer();
   // The answer is written.
   static void answered();
 

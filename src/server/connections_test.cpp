@@ -49,12 +49,12 @@ using namespace std::chrono_literals;
 
 TEST(Connections, CallsFromOtherThreadsHaveNoEffect) {
   Connections connections{ConnectionLimits{}};
-  Connections::headComplete();
-  Connections::requestComplete();
-  Connections::closeAfterAnswer();
+  Connections::head_complete();
+  Connections::request_complete();
+  Connections::close_after_answer();
   Connections::answered();
-  EXPECT_FALSE(Connections::closesAfterAnswer());
-  EXPECT_FALSE(Connections::isReadingHead());
+  EXPECT_FALSE(Connections::closes_after_answer());
+  EXPECT_FALSE(Connections::is_reading_head());
   EXPECT_FALSE(connections.abandoned());
 }
 
@@ -176,7 +176,7 @@ TEST_F(ConnectionQueue, AnAcceptLoopThatEndsIsNotHeldUp) {
   const auto released = release.get_future().share();
   queue->enqueue([released] { released.wait(); });
   auto second = std::async(std::launch::async, [&] { queue->enqueue([] {}); });
-  connections.releaseAcceptLoop();
+  connections.release_accept_loop();
   second.get();
   release.set_value();
   connections.stop();

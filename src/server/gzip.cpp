@@ -47,28 +47,28 @@ class Deflater {
   z_stream stream_{};
 };
 
-std::uint32_t crcOf(std::string_view text) {
+std::uint32_t crc_of(std::string_view text) {
   return static_cast<std::uint32_t>(
       ::crc32_z(0, reinterpret_cast<const Bytef*>(text.data()), text.size()));
 }
 
-void appendLittleEndian(std::string& out, std::uint64_t value, int bytes) {
+void append_little_endian(std::string& out, std::uint64_t value, int bytes) {
   for (int i = 0; i < bytes; ++i) out += static_cast<char>(value >> (8 * i) & 0xff);
 }
 
 // A deflate block that holds `text` as it is and is not the last. It begins and ends at a byte.
-void appendStoredBlock(std::string& out, std::string_view text) {
+void append_stored_block(std::string& out, std::string_view text) {
   out += '\0';
-  appendLittleEndian(out, text.size(), 2);
-  appendLittleEndian(out, ~text.size(), 2);
+  append_little_endian(out, text.size(), 2);
+  append_little_endian(out, ~text.size(), 2);
   out += text;
 }
 
 }  // namespace
 
-DeflatedTail deflateTail(std::string_view text) {
+DeflatedTail deflate_tail(std::string_view text) {
   constexpr std::size_t kPiece = std::numeric_limits<uInt>::max();
-  DeflatedTail tail{.bytes = {}, .crc32 = crcOf(text), .size = text.size()};
+  DeflatedTail tail{.bytes = {}, .crc32 = crc_of(text), .size = text.size()};
   Deflater deflater;
   for (; text.size() > kPiece; text.remove_prefix(kPiece)) {
     deflater.append(tail.bytes, text.substr(0, kPiece), false);
@@ -78,18 +78,18 @@ DeflatedTail deflateTail(std::string_view text) {
   return tail;
 }
 
-std::string gzipFile(std::string_view head, const DeflatedTail& tail) {
+std::string gzip_file(std::string_view head, const DeflatedTail& tail) {
   if (head.size() > kLongestHead) throw std::length_error("Head too long");
   // Magic number, deflate, no flags, no time, no hint, of no system in particular.
   constexpr std::string_view kFileHeader{"\x1f\x8b\x08\0\0\0\0\0\0\xff", 10};
   std::string file;
   file.reserve(kFileHeader.size() + 5 + head.size() + tail.bytes.size() + 8);
   file += kFileHeader;
-  appendStoredBlock(file, head);
+  append_stored_block(file, head);
   file += tail.bytes;
-  appendLittleEndian(file, crc32_combine(crcOf(head), tail.crc32, static_cast<z_off_t>(tail.size)),
-                     4);
-  appendLittleEndian(file, head.size() + tail.size, 4);
+  append_little_endian(file,
+                       crc32_combine(crc_of(head), tail.crc32, static_cast<z_off_t>(tail.size)), 4);
+  append_little_endian(file, head.size() + tail.size, 4);
   return file;
 }
 

@@ -22,12 +22,12 @@ struct DeflatedTail {
 inline constexpr std::size_t kLongestHead = 65'535;
 
 // Throws std::bad_alloc. Cost: some 8 milliseconds a megabyte of JSON, which shrinks to a seventh.
-DeflatedTail deflateTail(std::string_view text);
+DeflatedTail deflate_tail(std::string_view text);
 
 // The gzip file of `head` followed by the tail's text. Throws std::length_error "Head too long".
-//   const DeflatedTail tail = deflateTail(",\"mode\":\"live\"}");
-//   gzipFile("{\"generated\":1763175600", tail)  // unpacks to the whole document
+//   const DeflatedTail tail = deflate_tail(",\"mode\":\"live\"}");
+//   gzip_file("{\"generated\":1763175600", tail)  // unpacks to the whole document
 // Cost: a copy of the tail's bytes.
-std::string gzipFile(std::string_view head, const DeflatedTail& tail);
+std::string gzip_file(std::string_view head, const DeflatedTail& tail);
 
 }  // namespace spotserver

@@ -43,7 +43,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string text = textOf(script);
   const std::string head = text.substr(0, cut);
   const std::string tail = text.substr(head.size());
-  if (spotserver::gunzip(spotserver::gzipFile(head, spotserver::deflateTail(tail))) != text) {
+  if (spotserver::gunzip(spotserver::gzip_file(head, spotserver::deflate_tail(tail))) != text) {
     std::fprintf(stderr, "%zu and %zu bytes unpack to something else\n", head.size(), tail.size());
     std::abort();
   }

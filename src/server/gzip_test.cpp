@@ -11,7 +11,7 @@ namespace spotserver {
 namespace {
 
 std::string there_and_back(std::string_view head, std::string_view tail) {
-  return gunzip(gzipFile(head, deflateTail(tail)));
+  return gunzip(gzip_file(head, deflate_tail(tail)));
 }
 
 TEST(Gzip, HeadAndTailComeBackAsOneText) {
@@ -26,7 +26,7 @@ TEST(Gzip, HeadAndTailComeBackAsOneText) {
       EXPECT_EQ(there_and_back(head, tail), std::string(head) + tail) << head << tail.size();
     }
   }
-  EXPECT_LT(deflateTail(points).bytes.size(), points.size() / 5);
+  EXPECT_LT(deflate_tail(points).bytes.size(), points.size() / 5);
 }
 
 TEST(Gzip, BytesThatDoNotShrinkComeBackToo) {
@@ -39,10 +39,10 @@ TEST(Gzip, BytesThatDoNotShrinkComeBackToo) {
 }
 
 TEST(Gzip, OneTailServesManyHeads) {
-  const DeflatedTail tail = deflateTail(",\"mode\":\"live\"}");
+  const DeflatedTail tail = deflate_tail(",\"mode\":\"live\"}");
   for (int second = 0; second < 60; ++second) {
     const std::string head = "{\"generated\":" + std::to_string(1'763'175'600 + second);
-    EXPECT_EQ(gunzip(gzipFile(head, tail)), head + ",\"mode\":\"live\"}");
+    EXPECT_EQ(gunzip(gzip_file(head, tail)), head + ",\"mode\":\"live\"}");
   }
 }
 
@@ -50,7 +50,7 @@ TEST(Gzip, AHeadIsAtMostOneStoredBlock) {
   const std::string longest(kLongestHead, 'h');
   EXPECT_EQ(there_and_back(longest, "t"), longest + "t");
   try {
-    gzipFile(longest + "h", deflateTail("t"));
+    gzip_file(longest + "h", deflate_tail("t"));
     FAIL() << "was taken";
   } catch (const std::length_error& error) {
     EXPECT_STREQ(error.what(), "Head too long");
@@ -58,7 +58,7 @@ TEST(Gzip, AHeadIsAtMostOneStoredBlock) {
 }
 
 TEST(Gzip, SaysNothingOfTimeOrSystem) {
-  const std::string file = gzipFile("h", deflateTail("t"));
+  const std::string file = gzip_file("h", deflate_tail("t"));
   EXPECT_EQ(file.substr(0, 10), std::string("\x1f\x8b\x08\0\0\0\0\0\0\xff", 10));
 }
 

@@ -41,12 +41,12 @@ class HttpService {
   void stop() noexcept;
 
   // See Connections.
-  std::size_t inFlight() const;
+  std::size_t in_flight() const;
   bool abandoned() const;
 
  private:
   class Server;
-  void acceptUntilStopped();
+  void accept_until_stopped();
 
   TokenThrottle throttle_;
   Connections connections_;

@@ -10,7 +10,7 @@
 namespace spotserver {
 namespace {
 
-void appendEscaped(std::string& out, char c) {
+void append_escaped(std::string& out, char c) {
   constexpr char kHex[] = "0123456789abcdef";
   switch (c) {
     case '"':
@@ -49,7 +49,7 @@ constexpr std::uint64_t kScales[] = {1, 10, 100, 1000};  // 2^53 times the large
 
 // |value| * 10^precision rounded to a whole number, a tie to the even one, as printf does it.
 // Empty from 2^52 on.
-std::optional<std::uint64_t> scaledMagnitude(int precision, double value) {
+std::optional<std::uint64_t> scaled_magnitude(int precision, double value) {
   const auto bits = std::bit_cast<std::uint64_t>(value);
   const int exponent = static_cast<int>(bits >> kMantissaBits & 0x7ff);
   const int shift = 1075 - exponent;
@@ -65,7 +65,7 @@ std::optional<std::uint64_t> scaledMagnitude(int precision, double value) {
   return whole + (up ? 1 : 0);
 }
 
-char* writeDecimals(char* to, int precision, std::uint64_t decimals) {
+char* write_decimals(char* to, int precision, std::uint64_t decimals) {
   if (decimals == 0) return to;
   *to++ = '.';
   for (std::uint64_t scale = kScales[precision]; decimals != 0; decimals %= scale) {
@@ -76,7 +76,7 @@ char* writeDecimals(char* to, int precision, std::uint64_t decimals) {
 }
 
 // Any finite number, with the zeros at its end. `to` has room for it.
-char* writeFixed(char* to, char* end, int precision, double value) {
+char* write_fixed(char* to, char* end, int precision, double value) {
   return std::to_chars(to, end, value, std::chars_format::fixed, precision).ptr;
 }
 
@@ -84,7 +84,7 @@ char* writeFixed(char* to, char* end, int precision, double value) {
 
 void json_quote(std::string& out, std::string_view value) {
   out += '"';
-  for (const char c : value) appendEscaped(out, c);
+  for (const char c : value) append_escaped(out, c);
   out += '"';
 }
 
@@ -95,7 +95,7 @@ std::string json_number(int precision, double value) {
   }
   if (!std::isfinite(value)) return "null";
   std::string text(kLongestJsonNumber + static_cast<std::size_t>(precision), '\0');
-  const char* const end = writeFixed(text.data(), text.data() + text.size(), precision, value);
+  const char* const end = write_fixed(text.data(), text.data() + text.size(), precision, value);
   text.resize(static_cast<std::size_t>(end - text.data()));
   text.erase(text.find_last_not_of('0') + 1);
   if (text.back() == '.') text.pop_back();
@@ -103,16 +103,16 @@ std::string json_number(int precision, double value) {
 }
 
 char* write_json_number(char* to, int precision, double value) {
-  const auto scaled = scaledMagnitude(precision, value);
+  const auto scaled = scaled_magnitude(precision, value);
   if (!scaled) {
     if (!std::isfinite(value)) return std::copy_n("null", 4, to);
     // Whole numbers from here on: they have no decimals to write.
-    return writeFixed(to, to + kLongestJsonNumber, 0, value);
+    return write_fixed(to, to + kLongestJsonNumber, 0, value);
   }
   if (std::signbit(value)) *to++ = '-';
   const std::uint64_t scale = kScales[precision];
   to = std::to_chars(to, to + kLongestJsonNumber, *scaled / scale).ptr;
-  return writeDecimals(to, precision, *scaled % scale);
+  return write_decimals(to, precision, *scaled % scale);
 }
 
 }  // namespace spotserver

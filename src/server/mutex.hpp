@@ -62,19 +62,19 @@ class Condition {
     condition_.wait(held.lock);
   }
   // Until `end` at the latest.
-  void waitUntil(Mutex& mutex, std::chrono::steady_clock::time_point end) SPOT_REQUIRES(mutex) {
+  void wait_until(Mutex& mutex, std::chrono::steady_clock::time_point end) SPOT_REQUIRES(mutex) {
     Held held(mutex);
     condition_.wait_until(held.lock, end);
   }
   // For so long at most.
-  void waitFor(Mutex& mutex, std::chrono::steady_clock::duration time) SPOT_REQUIRES(mutex) {
+  void wait_for(Mutex& mutex, std::chrono::steady_clock::duration time) SPOT_REQUIRES(mutex) {
     Held held(mutex);
     condition_.wait_for(held.lock, time);
   }
 
   // With the mutex held or without.
-  void notifyOne() noexcept { condition_.notify_one(); }
-  void notifyAll() noexcept { condition_.notify_all(); }
+  void notify_one() noexcept { condition_.notify_one(); }
+  void notify_all() noexcept { condition_.notify_all(); }
 
  private:
   // The form in which the library wants a lock that the caller holds, and goes on holding.

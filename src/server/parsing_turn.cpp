@@ -12,7 +12,7 @@ using Time = ConnectionSlot::Time;
 // What each turn that a request had takes off its age.
 constexpr std::chrono::seconds kTurnCounts{1};
 
-bool goesBefore(const ConnectionSlot& a, const ConnectionSlot& b) {
+bool goes_before(const ConnectionSlot& a, const ConnectionSlot& b) {
   const auto rank = [](const ConnectionSlot& slot) {
     return std::pair(slot.since + slot.turns * kTurnCounts, slot.turns);
   };
@@ -21,14 +21,14 @@ bool goesBefore(const ConnectionSlot& a, const ConnectionSlot& b) {
 
 }  // namespace
 
-bool isNext(const ParsingTurn& turn, ConnectionSlots slots, const ConnectionSlot& slot, Time now) {
+bool is_next(const ParsingTurn& turn, ConnectionSlots slots, const ConnectionSlot& slot, Time now) {
   if (turn.holder && now < turn.end) return false;
   return std::none_of(slots.begin(), slots.end(), [&](const ConnectionSlot* other) {
-    return other->awaits_turn && !other->cut && goesBefore(*other, slot);
+    return other->awaits_turn && !other->cut && goes_before(*other, slot);
   });
 }
 
-Time nextLook(const ParsingTurn& turn, const ConnectionLimits& limits, Time now) {
+Time next_look(const ParsingTurn& turn, const ConnectionLimits& limits, Time now) {
   return now < turn.end ? turn.end : now + limits.turn;
 }
 

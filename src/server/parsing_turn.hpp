@@ -16,12 +16,12 @@ struct ParsingTurn {
 // makes it a second younger: one that sends a byte now and then, and takes a turn for each, holds
 // up nobody but its like, and one that came in two pieces does not wait for ever behind those that
 // come in one.
-bool isNext(const ParsingTurn& turn, ConnectionSlots slots, const ConnectionSlot& slot,
-            ConnectionSlot::Time now);
+bool is_next(const ParsingTurn& turn, ConnectionSlots slots, const ConnectionSlot& slot,
+             ConnectionSlot::Time now);
 
 // When it is worth asking again, unless a turn ends early. Later than `now`.
-ConnectionSlot::Time nextLook(const ParsingTurn& turn, const ConnectionLimits& limits,
-                              ConnectionSlot::Time now);
+ConnectionSlot::Time next_look(const ParsingTurn& turn, const ConnectionLimits& limits,
+                               ConnectionSlot::Time now);
 
 void take(ParsingTurn& turn, ConnectionSlot& slot, const ConnectionLimits& limits,
           ConnectionSlot::Time now);

@@ -29,7 +29,7 @@ class ParsingTurns : public testing::Test {
   std::size_t nextAt(Time now) const {
     std::size_t found = kSlots;
     for (std::size_t i = 0; i < kSlots; ++i) {
-      if (!isNext(turn, pointers, slots[i], now)) continue;
+      if (!is_next(turn, pointers, slots[i], now)) continue;
       EXPECT_EQ(found, kSlots) << "one at a time";
       found = i;
     }
@@ -67,7 +67,7 @@ TEST_F(ParsingTurns, EachTurnMakesARequestASecondYounger) {
 
 TEST_F(ParsingTurns, WhoIsCutHoldsNobodyUp) {
   slots[0].cut = true;
-  EXPECT_TRUE(isNext(turn, pointers, slots[1], kStart));
+  EXPECT_TRUE(is_next(turn, pointers, slots[1], kStart));
 }
 
 TEST_F(ParsingTurns, ANewRequestStartsAnew) {
@@ -79,8 +79,8 @@ TEST_F(ParsingTurns, ANewRequestStartsAnew) {
 
 TEST_F(ParsingTurns, TheNextLookIsAtTheEndOfATurnAndNeverInThePast) {
   takeAt(kStart, 0);
-  EXPECT_EQ(nextLook(turn, limits, kStart + 1ms), kStart + limits.turn);
-  EXPECT_EQ(nextLook(turn, limits, kStart + 1s), kStart + 1s + limits.turn);
+  EXPECT_EQ(next_look(turn, limits, kStart + 1ms), kStart + limits.turn);
+  EXPECT_EQ(next_look(turn, limits, kStart + 1s), kStart + 1s + limits.turn);
 }
 
 }  // namespace

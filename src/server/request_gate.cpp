@@ -18,7 +18,7 @@ std::string lowered(std::string text) {
 }
 
 // Plain decimal digits; empty for anything else and for numbers beyond the type.
-std::optional<std::uint64_t> plainNumber(std::string_view text) {
+std::optional<std::uint64_t> plain_number(std::string_view text) {
   std::uint64_t value = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
   if (error != std::errc{} || end != text.data() + text.size()) return std::nullopt;
@@ -26,38 +26,38 @@ std::optional<std::uint64_t> plainNumber(std::string_view text) {
 }
 
 // The one length announced; empty when there is none, several or an odd one.
-std::optional<std::uint64_t> announcedLength(const httplib::Request& request) {
+std::optional<std::uint64_t> announced_length(const httplib::Request& request) {
   if (request.get_header_value_count("Content-Length") != 1) return std::nullopt;
-  return plainNumber(request.get_header_value("Content-Length"));
+  return plain_number(request.get_header_value("Content-Length"));
 }
 
-bool libraryReadsBody(const httplib::Request& request) {
+bool library_reads_body(const httplib::Request& request) {
   const auto& method = request.method;
   return method == "POST" || method == "PUT" || method == "PATCH" || method == "PRI" ||
          method == "DELETE";
 }
 
-bool isPlain(const httplib::Request& request) {
+bool is_plain(const httplib::Request& request) {
   return !request.has_header("Transfer-Encoding") && !request.has_header("Content-Encoding") &&
          lowered(request.get_header_value("Content-Type")).rfind("multipart/", 0) != 0;
 }
 
 }  // namespace
 
-BodyVerdict judgeBody(const httplib::Request& request) {
+BodyVerdict judge_body(const httplib::Request& request) {
   const bool has_length = request.has_header("Content-Length");
   const bool has_coding = request.has_header("Transfer-Encoding");
-  if (!libraryReadsBody(request)) {
-    const bool announced = has_coding || (has_length && announcedLength(request) != 0u);
+  if (!library_reads_body(request)) {
+    const bool announced = has_coding || (has_length && announced_length(request) != 0u);
     return announced ? BodyVerdict::kRouteThenClose : BodyVerdict::kRoute;
   }
   if (request.method == "DELETE" && !has_length && !has_coding) return BodyVerdict::kRoute;
-  const auto length = announcedLength(request);
+  const auto length = announced_length(request);
   const bool small = length && *length <= kMaxBody;
-  return small && isPlain(request) ? BodyVerdict::kRead : BodyVerdict::kRefuse;
+  return small && is_plain(request) ? BodyVerdict::kRead : BodyVerdict::kRefuse;
 }
 
-bool areModest(const httplib::Ranges& ranges) {
+bool are_modest(const httplib::Ranges& ranges) {
   if (ranges.size() <= 2) return true;
   if (ranges.size() > kMaxRanges) return false;
   constexpr auto kOpen = std::numeric_limits<ssize_t>::max();

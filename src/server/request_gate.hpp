@@ -24,7 +24,7 @@ enum class BodyVerdict {
 //   POST, Content-Length 10                      kRead
 //   POST, Transfer-Encoding or Content-Encoding  kRefuse
 //   GET, Content-Length 10                       kRouteThenClose
-BodyVerdict judgeBody(const httplib::Request& request);
+BodyVerdict judge_body(const httplib::Request& request);
 
 // Most ranges that are served of one document.
 inline constexpr std::size_t kMaxRanges = 16;
@@ -34,6 +34,6 @@ inline constexpr std::size_t kMaxRanges = 16;
 // four thousand times the whole document for 8 KB of header. Pure.
 //   bytes=-500   bytes=10-,0-9   bytes=0-0,5-9,20-     true
 //   bytes=-,-,-  bytes=0-9,5-9,7-9                     false
-bool areModest(const httplib::Ranges& ranges);
+bool are_modest(const httplib::Ranges& ranges);
 
 }  // namespace spotserver

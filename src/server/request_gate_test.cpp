@@ -15,20 +15,20 @@ httplib::Request requestWith(const char* method,
 
 TEST(RequestGate, RequestsWithoutABodyAreRouted) {
   for (const char* method : {"GET", "HEAD", "OPTIONS", "TRACE", "CONNECT"}) {
-    EXPECT_EQ(judgeBody(requestWith(method, {})), BodyVerdict::kRoute) << method;
-    EXPECT_EQ(judgeBody(requestWith(method, {{"Content-Length", "0"}})), BodyVerdict::kRoute)
+    EXPECT_EQ(judge_body(requestWith(method, {})), BodyVerdict::kRoute) << method;
+    EXPECT_EQ(judge_body(requestWith(method, {{"Content-Length", "0"}})), BodyVerdict::kRoute)
         << method;
   }
-  EXPECT_EQ(judgeBody(requestWith("DELETE", {})), BodyVerdict::kRoute);
+  EXPECT_EQ(judge_body(requestWith("DELETE", {})), BodyVerdict::kRoute);
 }
 
 TEST(RequestGate, SmallPlainBodiesAreLeftToTheLibrary) {
   for (const char* method : {"POST", "PUT", "PATCH", "PRI", "DELETE"}) {
     for (const char* length : {"0", "1", "65536"}) {
-      EXPECT_EQ(judgeBody(requestWith(method, {{"content-length", length}})), BodyVerdict::kRead)
+      EXPECT_EQ(judge_body(requestWith(method, {{"content-length", length}})), BodyVerdict::kRead)
           << method << ' ' << length;
     }
-    EXPECT_EQ(judgeBody(requestWith(method, {{"Content-Length", "65537"}})), BodyVerdict::kRefuse)
+    EXPECT_EQ(judge_body(requestWith(method, {{"Content-Length", "65537"}})), BodyVerdict::kRefuse)
         << method;
   }
 }
@@ -45,23 +45,23 @@ TEST(RequestGate, BodiesThatCostMoreThanTheyAnnounceAreRefused) {
     for (const char* method : {"POST", "PUT", "PATCH", "PRI", "DELETE"}) {
       const auto request =
           requestWith(method, {{"Content-Length", "9"}, {extra.name, extra.value}});
-      EXPECT_EQ(judgeBody(request), BodyVerdict::kRefuse) << method << ' ' << extra.name;
+      EXPECT_EQ(judge_body(request), BodyVerdict::kRefuse) << method << ' ' << extra.name;
     }
   }
 }
 
 TEST(RequestGate, LengthlessBodiesAreRefusedWhereALengthIsDue) {
   for (const char* method : {"POST", "PUT", "PATCH", "PRI"}) {
-    EXPECT_EQ(judgeBody(requestWith(method, {})), BodyVerdict::kRefuse) << method;
+    EXPECT_EQ(judge_body(requestWith(method, {})), BodyVerdict::kRefuse) << method;
   }
-  EXPECT_EQ(judgeBody(requestWith("DELETE", {{"Transfer-Encoding", "chunked"}})),
+  EXPECT_EQ(judge_body(requestWith("DELETE", {{"Transfer-Encoding", "chunked"}})),
             BodyVerdict::kRefuse);
 }
 
 TEST(RequestGate, OddLengthsAreRefused) {
   for (const char* length : {"", "-1", "+5", "5x", " 5", "0x10", "1e3", "5,5",
                              "18446744073709551616", "99999999999999999999999"}) {
-    EXPECT_EQ(judgeBody(requestWith("POST", {{"Content-Length", length}})), BodyVerdict::kRefuse)
+    EXPECT_EQ(judge_body(requestWith("POST", {{"Content-Length", length}})), BodyVerdict::kRefuse)
         << length;
   }
 }
@@ -71,7 +71,7 @@ TEST(RequestGate, AnUnreadBodyNeverPassesForTheNextRequest) {
       {"Content-Length", "1"}, {"Content-Length", "odd"}, {"Transfer-Encoding", "chunked"}};
   for (const char* method : {"GET", "HEAD", "OPTIONS", "TRACE", "CONNECT"}) {
     for (const auto& announcement : announcements) {
-      EXPECT_EQ(judgeBody(requestWith(method, {announcement})), BodyVerdict::kRouteThenClose)
+      EXPECT_EQ(judge_body(requestWith(method, {announcement})), BodyVerdict::kRouteThenClose)
           << method << ' ' << announcement.first << ": " << announcement.second;
     }
   }
@@ -80,28 +80,28 @@ TEST(RequestGate, AnUnreadBodyNeverPassesForTheNextRequest) {
 TEST(RequestGate, OneOrTwoRangesMayBeAnything) {
   for (const httplib::Ranges& ranges :
        {httplib::Ranges{}, {{0, 9}}, {{-1, -1}}, {{-1, -1}, {-1, -1}}, {{5, 9}, {0, 7}}}) {
-    EXPECT_TRUE(areModest(ranges)) << ranges.size();
+    EXPECT_TRUE(are_modest(ranges)) << ranges.size();
   }
 }
 
 TEST(RequestGate, MoreRangesMustBeInOrderAndApart) {
-  EXPECT_TRUE(areModest({{0, 0}, {1, 1}, {5, 9}}));
-  EXPECT_TRUE(areModest({{0, 0}, {1, 1}, {5, -1}}));
-  EXPECT_TRUE(areModest({{0, 0}, {1, 1}, {-1, 5}}));
-  EXPECT_FALSE(areModest({{0, 0}, {1, 5}, {5, 9}}));
-  EXPECT_FALSE(areModest({{5, 9}, {0, 0}, {1, 1}}));
-  EXPECT_FALSE(areModest({{0, 0}, {5, -1}, {7, 9}}));
-  EXPECT_FALSE(areModest({{0, 0}, {5, -1}, {-1, 9}}));
-  EXPECT_FALSE(areModest({{-1, 1}, {5, 6}, {7, 9}}));
-  EXPECT_FALSE(areModest({{-1, -1}, {-1, -1}, {-1, -1}}));
+  EXPECT_TRUE(are_modest({{0, 0}, {1, 1}, {5, 9}}));
+  EXPECT_TRUE(are_modest({{0, 0}, {1, 1}, {5, -1}}));
+  EXPECT_TRUE(are_modest({{0, 0}, {1, 1}, {-1, 5}}));
+  EXPECT_FALSE(are_modest({{0, 0}, {1, 5}, {5, 9}}));
+  EXPECT_FALSE(are_modest({{5, 9}, {0, 0}, {1, 1}}));
+  EXPECT_FALSE(are_modest({{0, 0}, {5, -1}, {7, 9}}));
+  EXPECT_FALSE(are_modest({{0, 0}, {5, -1}, {-1, 9}}));
+  EXPECT_FALSE(are_modest({{-1, 1}, {5, 6}, {7, 9}}));
+  EXPECT_FALSE(are_modest({{-1, -1}, {-1, -1}, {-1, -1}}));
 }
 
 TEST(RequestGate, RangesHaveTheirNumber) {
   httplib::Ranges ranges;
   while (ranges.size() < kMaxRanges) ranges.emplace_back(2 * ranges.size(), 2 * ranges.size());
-  EXPECT_TRUE(areModest(ranges));
+  EXPECT_TRUE(are_modest(ranges));
   ranges.emplace_back(1000, 1000);
-  EXPECT_FALSE(areModest(ranges));
+  EXPECT_FALSE(are_modest(ranges));
 }
 
 }  // namespace

@@ -4,11 +4,11 @@
 // socket. Of these calls the few that matter become plain events; the many others cost a comparison
 // each. No lock, no memory, no clock: what an event means is the observer's business.
 //
-//   watchSockets(context);                    // once, before the first connection
+//   watch_sockets(context);                    // once, before the first connection
 //   const ObservedThread observed(observer);  // on the thread that serves the connections
-//   SSL_accept(ssl);                          // handshakeBegan mayRead received ... handshakeDone
-//   SSL_read(ssl, buffer, size);              // mayRead received mayRead received
-//   SSL_write(ssl, answer, length);           // mayWrite written
+//   SSL_accept(ssl);                          // handshake_began may_read received ...
+//   handshake_done SSL_read(ssl, buffer, size);              // may_read received may_read received
+//   SSL_write(ssl, answer, length);           // may_write written
 //   SSL_free(ssl);                            // released
 #pragma once
 
@@ -23,14 +23,14 @@ namespace spotserver {
 class SocketObserver {
  public:
   // Once for each connection, and before anything was read. SSL_get_fd names its socket.
-  virtual void handshakeBegan(SSL& connection) noexcept = 0;
+  virtual void handshake_began(SSL& connection) noexcept = 0;
   // Once or more for each connection: TLS may shake hands again.
-  virtual void handshakeDone() noexcept = 0;
+  virtual void handshake_done() noexcept = 0;
 
   // Before each read and write, whether there is anything to read or any room to write or not.
   // False: it is not done and fails, for good; OpenSSL will not ask to have it repeated.
-  virtual bool mayRead() noexcept = 0;
-  virtual bool mayWrite() noexcept = 0;
+  virtual bool may_read() noexcept = 0;
+  virtual bool may_write() noexcept = 0;
 
   // After a read that gave so many bytes, one or more. False: nobody gets to see them, the read
   // fails as above. May take its time; the connection waits.
@@ -47,7 +47,7 @@ class SocketObserver {
 
 // Makes the connections of this context report to the observer of the thread on which their
 // handshake begins, if it has one.
-void watchSockets(SSL_CTX* context);
+void watch_sockets(SSL_CTX* context);
 
 // Gives this thread an observer for a scope. One at a time. The observer outlives the connections
 // whose handshakes began meanwhile.

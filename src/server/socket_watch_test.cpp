@@ -29,16 +29,16 @@ using SslPtr = std::unique_ptr<SSL, With<SSL_free>>;
 
 // Writes down what it is told, and refuses what the test wants refused.
 struct Recorder final : SocketObserver {
-  void handshakeBegan(SSL& ssl) noexcept override {
+  void handshake_began(SSL& ssl) noexcept override {
     connection = &ssl;
     events.emplace_back("began");
   }
-  void handshakeDone() noexcept override { events.emplace_back("done"); }
-  bool mayRead() noexcept override {
+  void handshake_done() noexcept override { events.emplace_back("done"); }
+  bool may_read() noexcept override {
     events.emplace_back("may read");
     return reads;
   }
-  bool mayWrite() noexcept override {
+  bool may_write() noexcept override {
     events.emplace_back("may write");
     return writes;
   }
@@ -73,7 +73,7 @@ class SocketWatch : public ::testing::Test {
     SSL_CTX_use_PrivateKey(server_context.get(), key.get());
     SSL_CTX_set_max_proto_version(server_context.get(), TLS1_2_VERSION);  // for a second handshake
     SSL_CTX_set_mode(server_context.get(), SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
-    watchSockets(server_context.get());
+    watch_sockets(server_context.get());
     server.reset(SSL_new(server_context.get()));
     client.reset(SSL_new(client_context.get()));
     BIO_new_bio_pair(&server_end, kRoom, &client_end, kRoom);
@@ -84,7 +84,7 @@ class SocketWatch : public ::testing::Test {
   }
 
   // The client begins, so that the server never looks in vain.
-  void shakeHands() {
+  void shake_hands() {
     int shaken = 0;
     for (int turn = 0; shaken < 2 && turn < 10; ++turn) {
       shaken = (SSL_do_handshake(client.get()) == 1) + (SSL_do_handshake(server.get()) == 1);
@@ -95,7 +95,7 @@ class SocketWatch : public ::testing::Test {
   // With nothing of the handshake left in the recorder.
   void shakeHandsObserved() {
     const ObservedThread observed(recorder);
-    shakeHands();
+    shake_hands();
     recorder.take();
     recorder.bytes = 0;
   }
@@ -130,7 +130,7 @@ class SocketWatch : public ::testing::Test {
 
 TEST_F(SocketWatch, HandshakeIsToldFromBeginToEnd) {
   const ObservedThread observed(recorder);
-  shakeHands();
+  shake_hands();
   const auto events = recorder.take();
   EXPECT_EQ(recorder.connection, server.get());
   EXPECT_EQ(recorder.bytes, BIO_number_written(client_end));
@@ -144,7 +144,7 @@ TEST_F(SocketWatch, HandshakeIsToldFromBeginToEnd) {
 
 TEST_F(SocketWatch, AnotherHandshakeBeginsNoConnection) {
   const ObservedThread observed(recorder);
-  shakeHands();
+  shake_hands();
   recorder.take();
   SSL_renegotiate(server.get());
   SSL_do_handshake(server.get());
@@ -238,7 +238,7 @@ TEST_F(SocketWatch, WhatElseIsDoneWithTheSocketIsNoEvent) {
 
 TEST_F(SocketWatch, ThreadThatNobodyObservesReportsNothing) {
   { const ObservedThread observed(recorder); }
-  shakeHands();
+  shake_hands();
   clientWrites(700);
   EXPECT_EQ(serverReads(), 700);
   EXPECT_THAT(recorder.take(), IsEmpty());

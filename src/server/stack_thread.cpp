@@ -11,7 +11,7 @@ namespace {
 constexpr std::uintptr_t kKept = std::uintptr_t{64} << 10;
 
 // The lowest address of the calling thread's stack; 0 when it cannot be told.
-std::uintptr_t lowestOfStack() {
+std::uintptr_t lowest_of_stack() {
   pthread_attr_t attributes;
   if (pthread_getattr_np(pthread_self(), &attributes) != 0) return 0;
   void* lowest = nullptr;
@@ -23,7 +23,7 @@ std::uintptr_t lowestOfStack() {
 
 }  // namespace
 
-bool startThread(pthread_t& thread, std::size_t stack, void* (*entry)(void*), void* argument) {
+bool start_thread(pthread_t& thread, std::size_t stack, void* (*entry)(void*), void* argument) {
   pthread_attr_t attributes;
   if (pthread_attr_init(&attributes) != 0) return false;
   pthread_attr_setstacksize(&attributes, stack);
@@ -32,8 +32,8 @@ bool startThread(pthread_t& thread, std::size_t stack, void* (*entry)(void*), vo
   return started;
 }
 
-void trimStack() {
-  static thread_local const std::uintptr_t lowest = lowestOfStack();
+void trim_stack() {
+  static thread_local const std::uintptr_t lowest = lowest_of_stack();
   static const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
   const auto here = reinterpret_cast<std::uintptr_t>(__builtin_frame_address(0));
   const std::uintptr_t end = (here - kKept) & ~(page - 1);

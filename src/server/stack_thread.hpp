@@ -9,10 +9,10 @@ namespace spotserver {
 
 // Starts `entry(argument)` in a thread with `stack` bytes. False when the system grants no more
 // threads.
-bool startThread(pthread_t& thread, std::size_t stack, void* (*entry)(void*), void* argument);
+bool start_thread(pthread_t& thread, std::size_t stack, void* (*entry)(void*), void* argument);
 
 // Gives back the memory that deeper calls than this one have taken of the calling thread's stack,
 // all but 64 KiB. Cost: one system call, and one per thread to find out where its stack lies.
-void trimStack();
+void trim_stack();
 
 }  // namespace spotserver

@@ -44,12 +44,12 @@ TEST(StackThread, GivesBackWhatADeepCallHasTaken) {
     std::uintptr_t deep = 0;
     goDeep(deep);
     result.before = residentBytes(deep);
-    trimStack();
+    trim_stack();
     result.after = residentBytes(deep);
     goDeep(deep);  // and may go deep again
     return nullptr;
   };
-  ASSERT_TRUE(startThread(thread, kStack, work, &measured));
+  ASSERT_TRUE(start_thread(thread, kStack, work, &measured));
   pthread_join(thread, nullptr);
   EXPECT_GT(measured.before, kDeep * 9 / 10);
   EXPECT_LT(measured.after, kDeep / 5);
@@ -65,7 +65,7 @@ TEST(StackThread, HasTheStackAskedFor) {
     pthread_attr_destroy(&attributes);
     return nullptr;
   };
-  ASSERT_TRUE(startThread(thread, kStack, work, &size));
+  ASSERT_TRUE(start_thread(thread, kStack, work, &size));
   pthread_join(thread, nullptr);
   EXPECT_EQ(size, kStack);
 }
@@ -73,7 +73,7 @@ TEST(StackThread, HasTheStackAskedFor) {
 TEST(StackThread, OneThatTheSystemRefusesIsNoThread) {
   pthread_t thread{};
   const auto work = [](void*) -> void* { return nullptr; };
-  EXPECT_FALSE(startThread(thread, std::size_t{1} << 60, work, nullptr));
+  EXPECT_FALSE(start_thread(thread, std::size_t{1} << 60, work, nullptr));
 }
 
 }  // namespace

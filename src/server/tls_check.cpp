@@ -25,7 +25,7 @@ constexpr const char* kGroups =
 
 // Without what the system may ask of clients: a security level, a least version, certificates that
 // can be verified.
-ContextPtr undemandingClient() {
+ContextPtr undemanding_client() {
   ContextPtr context(SSL_CTX_new(TLS_client_method()));
   if (!context) return nullptr;
   SSL_CTX_set_verify(context.get(), SSL_VERIFY_NONE, nullptr);
@@ -48,16 +48,16 @@ bool connect(SSL& server, SSL& client) {
 }
 
 // As far as it goes without the other side. False when it cannot go on at all.
-bool takeTurn(SSL& side) {
+bool take_turn(SSL& side) {
   const int result = SSL_do_handshake(&side);
   if (result == 1) return true;
   const int error = SSL_get_error(&side, result);
   return error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE;
 }
 
-bool shakeHands(SSL& server, SSL& client) {
+bool shake_hands(SSL& server, SSL& client) {
   bool shaken = false;
-  for (int turn = 0; !shaken && turn < kTurns && takeTurn(client) && takeTurn(server); ++turn) {
+  for (int turn = 0; !shaken && turn < kTurns && take_turn(client) && take_turn(server); ++turn) {
     shaken = SSL_is_init_finished(&client) && SSL_is_init_finished(&server);
   }
   return shaken;
@@ -65,13 +65,13 @@ bool shakeHands(SSL& server, SSL& client) {
 
 }  // namespace
 
-bool shakesHands(SSL_CTX& server) {
+bool shakes_hands(SSL_CTX& server) {
   ERR_clear_error();
-  const ContextPtr context = undemandingClient();
+  const ContextPtr context = undemanding_client();
   const SslPtr server_side(SSL_new(&server));
   const SslPtr client_side(context ? SSL_new(context.get()) : nullptr);
   const bool shaken = server_side && client_side && connect(*server_side, *client_side) &&
-                      shakeHands(*server_side, *client_side);
+                      shake_hands(*server_side, *client_side);
   ERR_clear_error();
   return shaken;
 }

@@ -10,7 +10,7 @@ namespace spotserver {
 // talk to nobody can: a context without a usable certificate, or one for which OpenSSL found no
 // memory while it looked for its algorithms; it then takes them for missing as long as the process
 // lives. Takes a few milliseconds. Leaves OpenSSL's error queue empty.
-//   if (!shakesHands(*server.ssl_context())) ...  // nobody would be heard
-bool shakesHands(SSL_CTX& server);
+//   if (!shakes_hands(*server.ssl_context())) ...  // nobody would be heard
+bool shakes_hands(SSL_CTX& server);
 
 }  // namespace spotserver

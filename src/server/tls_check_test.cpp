@@ -54,7 +54,7 @@ ContextPtr contextOf(EVP_PKEY& key, X509& certificate) {
 TEST(TlsCheck, ServersOwnIdentityIsHeard) {
   const PrivateKeyPtr key = make_key();
   const X509Ptr certificate = make_certificate(*key, "spot", std::time(nullptr));
-  EXPECT_TRUE(shakesHands(*contextOf(*key, *certificate)));
+  EXPECT_TRUE(shakes_hands(*contextOf(*key, *certificate)));
 }
 
 TEST(TlsCheck, AnyKeyThatTheContextTakesIsHeard) {
@@ -68,7 +68,7 @@ TEST(TlsCheck, AnyKeyThatTheContextTakesIsHeard) {
       {"Ed25519", edwardsKey("ED25519")},   {"Ed448", edwardsKey("ED448")},
   };
   for (const auto& c : cases) {
-    EXPECT_TRUE(shakesHands(*contextOf(*c.key, *bareCertificate(*c.key)))) << c.name;
+    EXPECT_TRUE(shakes_hands(*contextOf(*c.key, *bareCertificate(*c.key)))) << c.name;
   }
 }
 
@@ -76,7 +76,7 @@ TEST(TlsCheck, ExpiryIsNotLookedAt) {
   const PrivateKeyPtr key = curveKey("P-256");
   constexpr long kYear = 365 * 86'400;
   for (const long begin : {-kYear, kYear}) {
-    EXPECT_TRUE(shakesHands(*contextOf(*key, *bareCertificate(*key, begin)))) << begin;
+    EXPECT_TRUE(shakes_hands(*contextOf(*key, *bareCertificate(*key, begin)))) << begin;
   }
 }
 
@@ -87,7 +87,7 @@ TEST(TlsCheck, ChainOfAnyLengthIsTaken) {
   for (int i = 0; i < 300; ++i) {  // more than clients take unless told to
     ASSERT_EQ(SSL_CTX_add1_chain_cert(context.get(), certificate.get()), 1);
   }
-  EXPECT_TRUE(shakesHands(*context));
+  EXPECT_TRUE(shakes_hands(*context));
 }
 
 TEST(TlsCheck, OneProtocolVersionIsEnough) {
@@ -96,7 +96,7 @@ TEST(TlsCheck, OneProtocolVersionIsEnough) {
     const ContextPtr context = contextOf(*key, *bareCertificate(*key));
     SSL_CTX_set_min_proto_version(context.get(), version);
     SSL_CTX_set_max_proto_version(context.get(), version);
-    EXPECT_TRUE(shakesHands(*context)) << version;
+    EXPECT_TRUE(shakes_hands(*context)) << version;
   }
 }
 
@@ -104,21 +104,21 @@ TEST(TlsCheck, WhatNobodyCanTalkToIsNotHeard) {
   const PrivateKeyPtr key = curveKey("P-256");
   const X509Ptr certificate = bareCertificate(*key);
 
-  EXPECT_FALSE(shakesHands(*emptyContext())) << "no certificate";
+  EXPECT_FALSE(shakes_hands(*emptyContext())) << "no certificate";
 
   const ContextPtr keyless = emptyContext();
   SSL_CTX_use_certificate(keyless.get(), certificate.get());
-  EXPECT_FALSE(shakesHands(*keyless)) << "no key";
+  EXPECT_FALSE(shakes_hands(*keyless)) << "no key";
 
   const ContextPtr mute = contextOf(*key, *certificate);
   SSL_CTX_set_min_proto_version(mute.get(), TLS1_3_VERSION);
   SSL_CTX_set_ciphersuites(mute.get(), "");
-  EXPECT_FALSE(shakesHands(*mute)) << "no cipher";
+  EXPECT_FALSE(shakes_hands(*mute)) << "no cipher";
 }
 
 TEST(TlsCheck, LeavesNoErrorBehind) {
   ERR_raise(ERR_LIB_USER, 1);
-  EXPECT_FALSE(shakesHands(*emptyContext()));
+  EXPECT_FALSE(shakes_hands(*emptyContext()));
   EXPECT_EQ(ERR_peek_error(), 0u);
 }
 

@@ -32,7 +32,7 @@ class WaitingLine {
   }
 
   // How many came before `then`. Cost: their number.
-  std::size_t waitingSince(Time then) {
+  std::size_t waiting_since(Time then) {
     std::size_t longer = 0;
     while (longer < count_ && at(longer).since < then) ++longer;
     return longer;

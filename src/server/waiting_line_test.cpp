@@ -46,7 +46,7 @@ TEST(WaitingLine, CountsThoseWhoCameBefore) {
     std::size_t waiting;
   } cases[] = {{1s, 0}, {2s, 1}, {3s, 3}, {5s, 3}, {6s, 4}};
   for (const auto& c : cases) {
-    EXPECT_EQ(line.waitingSince(kStart + c.then), c.waiting) << c.then.count();
+    EXPECT_EQ(line.waiting_since(kStart + c.then), c.waiting) << c.then.count();
   }
 }
 

@@ -5,7 +5,7 @@
 
 namespace spotserver {
 
-void shareMemoryPools() {
+void share_memory_pools() {
 #ifdef M_ARENA_MAX
   ::mallopt(M_ARENA_MAX, 2);
 #endif

@@ -7,7 +7,7 @@ namespace spotserver {
 
 // The C library gives most threads a memory pool of their own, which keeps what one large request
 // has taken. Two pools for all threads started from here on keep that to a few requests' worth.
-void shareMemoryPools();
+void share_memory_pools();
 
 // 64 MiB of address space, while it lives: what is left for the requests when meanwhile as many
 // threads as possible have taken theirs.

@@ -20,7 +20,7 @@ void SpotStore::waitForTurn(std::uint64_t long_refreshes) {
   ++same;
   mutex_.lock();
   while (long_refreshes_ == long_refreshes && others != 0) served_.wait(mutex_);
-  if (--same == 0) served_.notifyAll();
+  if (--same == 0) served_.notify_all();
 }
 
 void SpotStore::refreshLocked(double now, double min_interval) {

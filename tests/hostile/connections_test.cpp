@@ -238,7 +238,7 @@ TEST(Connections, APeerThatTakesNothingOfItsAnswerIsCut) {
   peer.send(requestForMuch(service));
   EXPECT_EQ(peer.peek(12), "HTTP/1.1 200");
   const auto begin = Clock::now();
-  awaitThat([&] { return service.inFlight() == 0; });
+  awaitThat([&] { return service.in_flight() == 0; });
   EXPECT_LT(Clock::now() - begin, kLongBeforeTheLibrary);
   EXPECT_THROW(peer.receive(), std::runtime_error) << "the end of the answer never came";
 }
@@ -282,7 +282,7 @@ TEST(Connections, LargeRequestsThatTrickleDoNotHoldUpAnother) {
   std::string head = e2e::requestText("GET", e2e::kHealthPath, large);
   head.resize(head.size() - 2);
   for (std::size_t i = 0; i + 1 < kWorkers; ++i) trickling.emplace_back(service.port()).send(head);
-  awaitThat([&] { return service.inFlight() == kWorkers - 1; });
+  awaitThat([&] { return service.in_flight() == kWorkers - 1; });
   for (int i = 0; i < 10; ++i) {
     EXPECT_EQ(TlsClient(service.port()).request("GET", e2e::kHealthPath, large).status, 200);
   }
@@ -358,7 +358,7 @@ TEST(Stopping, NoClientHoldsTheServiceUp) {
   const Fd silent = e2e::connectTcp(service.port());
   const Fd waiting = e2e::connectTcp(service.port());
   const Fd waiting_too = e2e::connectTcp(service.port());
-  awaitThat([&] { return service.inFlight() == 1; });
+  awaitThat([&] { return service.in_flight() == 1; });
   const auto begin = Clock::now();
   EXPECT_TRUE(service.stop());
   EXPECT_LT(Clock::now() - begin, 3s);
@@ -371,7 +371,7 @@ TEST(Stopping, ABodyUnderWayMayStillComeToItsEnd) {
   TlsClient phone(service.port());
   phone.send(headOfBody(2));
   phone.send("a");
-  awaitThat([&] { return service.inFlight() == 1; });
+  awaitThat([&] { return service.in_flight() == 1; });
   auto stopped = std::async(std::launch::async, [&service] { return service.stop(); });
   EXPECT_EQ(stopped.wait_for(100ms), std::future_status::timeout);
   phone.send("b");
@@ -387,7 +387,7 @@ TEST(Stopping, ARequestInFlightStillGetsItsAnswer) {
     const auto held = service.store().lock();  // the request waits for this
     phone.send("GET /api/v1/activity HTTP/1.1\r\nHost: s\r\nX-Spot-Token: " + service.token() +
                "\r\n\r\n");
-    awaitThat([&] { return service.inFlight() == 1; });
+    awaitThat([&] { return service.in_flight() == 1; });
     stopped = std::async(std::launch::async, [&service] { return service.stop(); });
     EXPECT_EQ(stopped.wait_for(1s), std::future_status::timeout);
   }

@@ -51,7 +51,7 @@ class Service {
 
   int port() const { return settings_.port; }
   SpotStore& store() { return store_; }
-  std::size_t inFlight() const { return service_->inFlight(); }
+  std::size_t in_flight() const { return service_->in_flight(); }
   const std::string& token() const { return token_; }
   void writeLog(std::string_view text) const { dir_.write("ALL.TXT", text); }
 
