@@ -239,7 +239,7 @@ std::size_t CurveSweep::addSource(std::string_view band_id, double length_s, dou
   sources_.push_back({nullptr, accepts, length_s});
   if (accepts(first_start)) {
     auto& band = bands_[std::string(band_id)];
-    if (band == nullptr) band.reset(new Band{.facts = {first_start, length_s, {}}, .changes = {}});
+    if (band == nullptr) band = std::make_unique<Band>(Band{{first_start, length_s, {}}, 0, {}});
     band->facts.first_start = std::min(band->facts.first_start, first_start);
     band->facts.max_length = std::max(band->facts.max_length, length_s);
     sources_.back().band = band.get();

@@ -151,8 +151,12 @@ class SpotQueue {
     LastMinute() = default;
     LastMinute(const LastMinute& /*other*/) noexcept {}
     LastMinute(LastMinute&& other) noexcept { other.minute = nullptr; }
-    LastMinute& operator=(LastMinute other) noexcept {
-      minute = other.minute;
+    LastMinute& operator=(const LastMinute& /*other*/) noexcept {
+      minute = nullptr;
+      return *this;
+    }
+    LastMinute& operator=(LastMinute&& other) noexcept {
+      minute = other.minute = nullptr;
       return *this;
     }
     ~LastMinute() = default;
