@@ -13,39 +13,13 @@
 #include "api/band_plan.hpp"
 #include "api/rate_index.hpp"
 #include "api/rate_series_reference.hpp"
+#include "file_facts.hpp"
+#include "heard_intervals.hpp"
 
 namespace launcher {
 namespace {
 
-constexpr double kNow = 1'763'175'600;  // a whole minute
-constexpr double kInfinity = std::numeric_limits<double>::infinity();
-constexpr double kLargest = std::numeric_limits<double>::max();
-
-constexpr double k20m = 14'074'000;
-constexpr double k40m = 7'074'000;
-
-// One interval on 20 m that ended in time to be accepted.
-void addFt8(BandRateIndex& index, double start, std::uint64_t count) {
-  addInterval(index, "FT8/14.074000", count, start + 15, start, 15, k20m);
-}
-
-std::size_t recordsOf(const BandRateIndex& index, std::string_view band) {
-  std::size_t records = 0;
-  const auto found = index.find(band);
-  if (found == index.end()) return 0;
-  for (const auto& [key, source] : found->second.by_source) records += source.held().size();
-  return records;
-}
-
-template <typename Call>
-std::string messageOf(Call call) {
-  try {
-    call();
-  } catch (const std::invalid_argument& error) {
-    return error.what();
-  }
-  return "nothing thrown";
-}
+using spotserver::errorOf;
 
 TEST(RateAt, ABandJustHeardIsNotDiluted) {
   BandRateIndex index;
@@ -139,7 +113,7 @@ TEST(RateAt, SmoothingIsOneToFortyMinutes) {
   for (const int smoothing :
        {0, 41, -1, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()}) {
     for (const char* band : {"20m", "no such band"}) {
-      EXPECT_EQ(messageOf([&] { rateAt(index, band, smoothing, kNow); }),
+      EXPECT_EQ(errorOf([&] { rateAt(index, band, smoothing, kNow); }),
                 "Smoothing must be 1..40 minutes")
           << smoothing << " " << band;
     }
@@ -274,7 +248,7 @@ TEST(BandSeries, HoursAreOneSixOrTwentyFour) {
   const BandRateIndex index;
   for (const int hours : {0, 2, 12, 23, 25, -1, -24, std::numeric_limits<int>::max()}) {
     for (const int smoothing : {3, 0}) {
-      EXPECT_EQ(messageOf([&] { bandSeries(index, "20m", smoothing, hours, kNow); }),
+      EXPECT_EQ(errorOf([&] { bandSeries(index, "20m", smoothing, hours, kNow); }),
                 "History view must be 1, 6 or 24 hours")
           << hours << " " << smoothing;
     }
@@ -284,7 +258,7 @@ TEST(BandSeries, HoursAreOneSixOrTwentyFour) {
 TEST(BandSeries, SmoothingIsOneToFortyMinutes) {
   const BandRateIndex index;
   for (const int smoothing : {0, 41}) {
-    EXPECT_EQ(messageOf([&] { bandSeries(index, "no such band", smoothing, 6, kNow); }),
+    EXPECT_EQ(errorOf([&] { bandSeries(index, "no such band", smoothing, 6, kNow); }),
               "Smoothing must be 1..40 minutes")
         << smoothing;
   }
