@@ -219,9 +219,10 @@ void addBands(ActivitySnapshot& snapshot, const SpotData& data, const Draw& draw
   snapshot.window_unique_callsigns = heardSince(data, window_start);
   for (const auto& [id, counts] : window.by_band) {
     auto points = draw(id);
+    const auto rate_now = points.back().rate;
     snapshot.bands.push_back({.id = id,
                               .color = colorOf(id),
-                              .rate_now = points.back().rate,
+                              .rate_now = rate_now,
                               .spots = counts.spots,
                               .intervals = counts.intervals,
                               .unique_callsigns = heardOnBandSince(data, id, window_start),

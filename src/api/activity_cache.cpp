@@ -12,8 +12,7 @@ std::shared_ptr<const ActivityAnswer> activityAt(SpotData& data, int hours, int 
       cached->second.minute == minute) {
     return cached->second.answer;
   }
-  const auto answer =
-      std::make_shared<const ActivityAnswer>(buildActivity(data, hours, smoothing, now));
+  auto answer = std::make_shared<const ActivityAnswer>(buildActivity(data, hours, smoothing, now));
   data.cache.insert_or_assign({hours, smoothing}, CachedActivity{data.generation, minute, answer});
   return answer;
 }

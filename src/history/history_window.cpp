@@ -55,7 +55,7 @@ std::vector<std::optional<Places>> placesOf(const HistorySlots& observations, So
     if (!mode) continue;
     const std::string band = launcher::bandForFrequency(channel.frequency).id;
     const std::string key = launcher::channelKey(channel.mode, channel.frequency);
-    const auto [report, new_report] = sources.of(key + " " + band);
+    const auto [report, new_report] = sources.of(std::string(key).append(" ").append(band));
     if (new_report) sorted.reports.push_back({key, channel.frequency, slotSeconds(*mode), {}});
     const auto [band_place, new_band] = bands.of(band);
     if (new_band) sorted.bands.push_back(band);

@@ -151,8 +151,8 @@ class SpotQueue {
     LastMinute() = default;
     LastMinute(const LastMinute& /*other*/) noexcept {}
     LastMinute(LastMinute&& other) noexcept { other.minute = nullptr; }
-    LastMinute& operator=(const LastMinute& /*other*/) noexcept {
-      minute = nullptr;
+    LastMinute& operator=(const LastMinute& other) noexcept {
+      if (this != &other) minute = nullptr;
       return *this;
     }
     LastMinute& operator=(LastMinute&& other) noexcept {
