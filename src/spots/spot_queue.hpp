@@ -10,6 +10,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "api/rate_index.hpp"
@@ -151,12 +152,8 @@ class SpotQueue {
     LastMinute() = default;
     LastMinute(const LastMinute& /*other*/) noexcept {}
     LastMinute(LastMinute&& other) noexcept { other.minute = nullptr; }
-    LastMinute& operator=(const LastMinute& other) noexcept {
-      if (this != &other) minute = nullptr;
-      return *this;
-    }
-    LastMinute& operator=(LastMinute&& other) noexcept {
-      minute = other.minute = nullptr;
+    LastMinute& operator=(LastMinute other) noexcept {
+      std::swap(minute, other.minute);
       return *this;
     }
     ~LastMinute() = default;
