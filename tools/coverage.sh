@@ -19,7 +19,7 @@ measure() {
   done
   llvm-cov-14 "$command" "$build/corvane-spot-server" "${objects[@]}" \
     -instr-profile="$build/profile/all" \
-    -ignore-filename-regex='/(tests|tools)/|_(test|fuzz|reference)\.|^/usr/' "$@"
+    -ignore-filename-regex='/(bench|tests|tools)/|_(test|fuzz|reference)\.|^/usr/' "$@"
 }
 
 report() {
@@ -46,10 +46,11 @@ use_preset coverage
 build
 # The counters of the last run would be added to.
 rm -rf -- "$build/profile"
-# Several processes at a time write into one file, by turns. Format and layers run nothing of src/.
+# Several processes at a time write into one file, by turns. Format and layers run nothing of src/;
+# where the memory of a migration fails, the counters complain on standard error as well.
 LLVM_PROFILE_FILE=$build/profile/%4m.profraw \
   ctest --test-dir "$build" --output-on-failure --no-tests=error --parallel "$(nproc)" \
-  -E '^(format|Layers)' "$@" >&2 || say "Some tests failed: the figures are too low."
+  -E '^(format|Layers)|MemoryOfAMigration' "$@" >&2 || say "Some tests failed: the figures are too low."
 llvm-profdata-14 merge -sparse -o "$build/profile/all" "$build"/profile/*.profraw
 report
 printf '\nNot reached:\n'
