@@ -2,6 +2,7 @@
 
 #include <array>
 #include <memory>
+#include <optional>
 
 #include <netdb.h>
 #include <sys/socket.h>
@@ -27,11 +28,13 @@ bool is_ours(const addrinfo& address) {
   return socket && ::bind(socket.get(), address.ai_addr, address.ai_addrlen) == 0;
 }
 
-std::string numbers_of(const addrinfo& address) {
+// None without memory for it. Never an empty text, which would stand for the loopback.
+std::optional<std::string> numbers_of(const addrinfo& address) {
   std::array<char, NI_MAXHOST> text{};
   const int failed = ::getnameinfo(address.ai_addr, address.ai_addrlen, text.data(), text.size(),
                                    nullptr, 0, NI_NUMERICHOST);
-  return failed == 0 ? text.data() : "";
+  if (failed != 0) return std::nullopt;
+  return text.data();
 }
 
 }  // namespace
@@ -39,7 +42,7 @@ std::string numbers_of(const addrinfo& address) {
 std::string bind_address(const std::string& host) {
   const Addresses addresses = addresses_of(host);
   for (const addrinfo* address = addresses.get(); address; address = address->ai_next) {
-    if (is_ours(*address)) return numbers_of(*address);
+    if (is_ours(*address)) return numbers_of(*address).value_or(host);
   }
   return host;
 }
