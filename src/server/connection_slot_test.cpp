@@ -38,6 +38,13 @@ struct Row {
   }
 };
 
+TEST(ConnectionLimits, AStopLeavesTimeToARequestAndTakesLessThanThreeSeconds) {
+  const ConnectionLimits limits;
+  EXPECT_GE(limits.drain, 2s);
+  EXPECT_GT(limits.release, limits.drain);
+  EXPECT_LT(limits.release, 3s);
+}
+
 TEST(ConnectionDeadline, EachPhaseHasItsOwn) {
   const ConnectionLimits limits;
   EXPECT_EQ(deadline_of(slotIn(Phase::kHandshake), limits), kStart + 10s);

@@ -61,18 +61,17 @@ TEST(Connections, CallsFromOtherThreadsHaveNoEffect) {
 // The queue alone, without sockets: jobs stand for connections.
 class ConnectionQueue : public testing::Test {
  protected:
-  static ConnectionLimits smallLimits() {
+  static ConnectionLimits twoWorkers() {
     ConnectionLimits limits;
     limits.workers = 2;
-    limits.drain = 50ms;
-    limits.release = 100ms;
+    limits.drain = limits.release = 30s;  // no machine is so slow that a worker is left behind
     return limits;
   }
 };
 
 TEST_F(ConnectionQueue, RunsEveryJobAndStopsOnce) {
   int stops = 0;
-  Connections connections{smallLimits(), [&stops] { ++stops; }};
+  Connections connections{twoWorkers(), [&stops] { ++stops; }};
   connections.start();
   const auto queue = connections.queue();
   std::atomic<int> ran = 0;
@@ -84,7 +83,7 @@ TEST_F(ConnectionQueue, RunsEveryJobAndStopsOnce) {
 }
 
 TEST_F(ConnectionQueue, TheEndOfAnAcceptLoopIsNotThatOfTheService) {
-  Connections connections{smallLimits()};
+  Connections connections{twoWorkers()};
   connections.start();
   connections.queue()->shutdown();
   std::promise<void> ran;
@@ -94,7 +93,7 @@ TEST_F(ConnectionQueue, TheEndOfAnAcceptLoopIsNotThatOfTheService) {
 }
 
 TEST_F(ConnectionQueue, AJobThatThrowsLeavesItsWorkerAtWork) {
-  Connections connections{smallLimits()};
+  Connections connections{twoWorkers()};
   connections.start();
   const auto queue = connections.queue();
   std::atomic<int> ran = 0;
@@ -115,7 +114,7 @@ std::ptrdiff_t openDescriptors() {
 // Stands for the library, which has accepted a connection and throws while it reads.
 TEST_F(ConnectionQueue, AJobThatThrowsLeavesNoConnectionOpen) {
   const std::unique_ptr<SSL_CTX, With<SSL_CTX_free>> context(SSL_CTX_new(TLS_server_method()));
-  Connections connections{smallLimits()};
+  Connections connections{twoWorkers()};
   connections.watch(context.get());
   connections.start();
   const auto before = openDescriptors();
@@ -143,7 +142,7 @@ TEST_F(ConnectionQueue, AJobThatThrowsLeavesNoConnectionOpen) {
 }
 
 TEST_F(ConnectionQueue, WithoutAnyWorkerItDoesNotStart) {
-  auto limits = smallLimits();
+  auto limits = twoWorkers();
   limits.workers = 0;
   Connections connections{limits};
   EXPECT_THROW(connections.start(), std::system_error);
@@ -151,7 +150,7 @@ TEST_F(ConnectionQueue, WithoutAnyWorkerItDoesNotStart) {
 
 // The accept loop is held up: a connection not yet accepted costs no descriptor.
 TEST_F(ConnectionQueue, BeyondTheBoundTheAcceptLoopWaits) {
-  auto limits = smallLimits();
+  auto limits = twoWorkers();
   limits.connections = 3;  // two with workers, one in line
   Connections connections{limits};
   connections.start();
@@ -167,7 +166,7 @@ TEST_F(ConnectionQueue, BeyondTheBoundTheAcceptLoopWaits) {
 }
 
 TEST_F(ConnectionQueue, AnAcceptLoopThatEndsIsNotHeldUp) {
-  auto limits = smallLimits();
+  auto limits = twoWorkers();
   limits.connections = 1;
   Connections connections{limits};
   connections.start();
@@ -186,15 +185,18 @@ TEST_F(ConnectionQueue, AWorkerThatCannotBeStoppedIsLeftBehind) {
   std::promise<void> release;
   const auto released = release.get_future().share();
   {
-    Connections connections{smallLimits()};
+    auto limits = twoWorkers();
+    limits.drain = 50ms;
+    limits.release = 100ms;
+    Connections connections{limits};
     connections.start();
     const auto queue = connections.queue();
-    std::promise<void> running;
-    queue->enqueue([&running, released] {
-      running.set_value();
+    const auto running = std::make_shared<std::promise<void>>();  // the worker may outlive us
+    queue->enqueue([running, released] {
+      running->set_value();
       released.wait();
     });
-    running.get_future().wait();
+    running->get_future().wait();
     connections.stop();
     EXPECT_TRUE(connections.abandoned());
   }
@@ -204,6 +206,7 @@ TEST_F(ConnectionQueue, AWorkerThatCannotBeStoppedIsLeftBehind) {
 TEST(ConnectionsStart, AsManyWorkersAsTheSystemGrantsWillDo) {
   ConnectionLimits limits;
   limits.workers = 4;
+  limits.drain = limits.release = 30s;
   Connections connections(limits);
   {
     const FewThreads few(3);  // the watcher and two workers

@@ -1,6 +1,7 @@
 // Waiting for what cannot announce itself.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <stdexcept>
 #include <thread>
@@ -14,7 +15,7 @@ inline void awaitThat(const std::function<bool()>& holds) {
   const auto deadline = e2e::Clock::now() + e2e::kPatience;
   while (!holds()) {
     if (e2e::Clock::now() > deadline) throw std::runtime_error("it never came to hold");
-    std::this_thread::yield();
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
 }
 

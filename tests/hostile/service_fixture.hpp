@@ -1,5 +1,5 @@
 // The real HTTPS service inside the test process, with limits of the test's own choosing: what
-// takes the server thirty seconds takes a test a fraction of one.
+// takes the server thirty seconds takes a test two or three.
 #pragma once
 
 #include <chrono>
@@ -44,6 +44,7 @@ class Service {
     // The library fills its tables at the first request. Their guards are in the library, where the
     // thread sanitizer does not see them, so that happens before there are two workers at it.
     health();
+    awaitThat([this] { return in_flight() == 0; });
   }
   ~Service() {
     if (accept_loop_.valid()) stop();
