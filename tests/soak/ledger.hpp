@@ -27,8 +27,9 @@ struct Stock {
 };
 
 // One writer changes the files and says so; many readers ask what an answer may rest on. A change
-// is announced before its first byte is written and settled after its last, so an answer rests on
-// one of the versions from the one settled when it was asked for to the one announced when it came.
+// is announced before its first byte is written and settled after its last, so a server that looks
+// at the files holds one of the versions from the one settled when it began to the one announced
+// when it was done.
 //
 //   ledger.announceLine({now, "14.074", "FT8", "K1ABC"}, true);
 //   station.appendLog(...);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 namespace spotserver::soak {
 namespace {
@@ -30,7 +31,13 @@ std::vector<std::string> Tally::complaints() {
 
 Phone::Phone(int port, Source source, const Ledger& ledger, Judge& judge, Tally& tally,
              std::uint64_t seed)
-    : port_(port), source_(source), ledger_(ledger), judge_(judge), tally_(tally), random_(seed) {}
+    : port_(port),
+      source_(source),
+      ledger_(ledger),
+      judge_(judge),
+      tally_(tally),
+      random_(seed),
+      settled_before_(ledger.settled()) {}
 
 void Phone::poll(e2e::Clock::duration period, e2e::Clock::time_point end) {
   const auto phase = period * static_cast<int>(random_() % 100) / 100;
@@ -64,13 +71,22 @@ void Phone::askActivity() {
   about.view = {kHours[random_() % 3], kSmoothings[random_() % 3]};
   about.oldest = ledger_.settled();
   about.asked = e2e::wallClock();
+  const auto begin = e2e::Clock::now();
   const auto answer = ask(e2e::kActivityPath + queryFor(about.view), e2e::bearer(e2e::kToken));
+  if (e2e::Clock::now() - begin >= std::chrono::seconds(1)) ++tally_.slow;
   about.answered = e2e::wallClock();
   about.newest = ledger_.announced();
   if (answer.status != 200) throw std::runtime_error("activity: " + answer.status_line);
+  const std::size_t before = std::exchange(settled_before_, about.oldest);
   ++tally_.documents;
-  const std::string complaint = judge_.complaint(answer.body, about);
+  std::string complaint = judge_.complaint(answer.body, about);
   if (complaint.empty()) return;
+  about.oldest = before;
+  complaint = judge_.complaint(answer.body, about);
+  if (complaint.empty()) {
+    ++tally_.late;
+    return;
+  }
   ++tally_.wrong;
   tally_.complain((source_ == Source::kLog ? "log" : "history") + queryFor(about.view) + "\n  " +
                   complaint);

@@ -22,6 +22,8 @@ struct Tally {
   std::atomic<std::uint64_t> resets = 0;
   std::atomic<std::uint64_t> refused = 0;     // wrong tokens, 401 or 429
   std::atomic<std::uint64_t> reconnects = 0;  // the server had closed an idle connection
+  std::atomic<std::uint64_t> late = 0;        // right only for an earlier look at the files
+  std::atomic<std::uint64_t> slow = 0;        // documents that took a second or more
   std::atomic<std::uint64_t> wrong = 0;
   std::atomic<std::uint64_t> errors = 0;
 
@@ -33,7 +35,7 @@ struct Tally {
   std::vector<std::string> kept SPOT_GUARDED_BY(mutex);
 };
 
-// One phone, in a thread of its own.
+// One phone, in a thread of its own. Made before the load begins: its first answer may be as old.
 class Phone {
  public:
   Phone(int port, Source source, const Ledger& ledger, Judge& judge, Tally& tally,
@@ -59,6 +61,10 @@ class Phone {
   Judge& judge_;
   Tally& tally_;
   std::mt19937_64 random_;
+  // Version of the files when the activity was last asked for. Where a look at the files takes a
+  // second, whoever waited for it is answered from it. It may have begun before this question, but
+  // not before the last answer.
+  std::size_t settled_before_;
   std::unique_ptr<e2e::TlsClient> client_;
 };
 
