@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -44,8 +45,9 @@ Pipe makePipe() {
 std::size_t fill(const Fd& pipe) {
   const int flags = fcntl(pipe.get(), F_GETFL);
   fcntl(pipe.get(), F_SETFL, flags | O_NONBLOCK);
+  const std::string block(PIPE_BUF, '-');  // fits whole or not at all
   std::size_t filled = 0;
-  while (write(pipe.get(), "-", 1) == 1) ++filled;
+  while (write(pipe.get(), block.data(), block.size()) > 0) filled += block.size();
   fcntl(pipe.get(), F_SETFL, flags);
   return filled;
 }
