@@ -201,11 +201,10 @@ TEST(SpotStore, OfFourWhoMeetALockedHistoryOneWaitsForIt) {
   history.exec("BEGIN EXCLUSIVE");
   SpotStore store;
   store.lock()->history_path = dir.path("history.sqlite3");
-  const auto begin = std::chrono::steady_clock::now();
   std::vector<std::thread> phones;
   for (int i = 0; i < 4; ++i) phones.emplace_back([&store, i] { store.refresh(kNow + i, 0); });
   for (auto& phone : phones) phone.join();
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(9));
+  EXPECT_EQ(store.longRefreshes(), 1u);
 }
 
 TEST(SpotStore, RefreshWaitsForWhoeverHoldsTheStore) {

@@ -97,8 +97,11 @@ TEST(Compression, TheConnectionGoesOnBehindEveryKind) {
   const Response head = client.request("HEAD", kDayPath, packed);
   EXPECT_EQ(head.status, 200);
   EXPECT_EQ(head.header("Content-Encoding"), "gzip");
-  EXPECT_NEAR(std::stod(head.header("Content-Length")), static_cast<double>(get.body.size()), 50);
-  EXPECT_EQ(client.request("GET", kDayPath, packed).header("Content-Encoding"), "gzip");
+  const Response again = client.request("GET", kDayPath, packed);
+  EXPECT_EQ(again.header("Content-Encoding"), "gzip");
+  // Of the one minute or, where a new one began in between, of the other.
+  EXPECT_THAT(head.header("Content-Length"),
+              testing::AnyOf(std::to_string(get.body.size()), std::to_string(again.body.size())));
 }
 
 TEST(Compression, ARangeIsOneOfThePlainDocument) {

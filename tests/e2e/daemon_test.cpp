@@ -1,9 +1,11 @@
 // --daemon: what the terminal sees, what the detached server is like, and where its words go.
 #include <csignal>
 #include <filesystem>
+#include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include "e2e/activity_model.hpp"
 #include "e2e/station.hpp"
@@ -179,7 +181,12 @@ TEST(Daemon, BadPidDirectoryIsToldInTheLog) {
   EXPECT_EQ(outcome.output, "");
   EXPECT_EQ(outcome.errors, "");
   EXPECT_EQ(readFile(station.workFile(kLogFile)), "Cannot write PID file: " + pid_file + "\n");
-  // Nobody is left on the port.
+  // The detached child is ours now; the port is free once it has ended.
+  const auto deadline = Clock::now() + kPatience;
+  while (::waitpid(-1, nullptr, WNOHANG) >= 0) {
+    ASSERT_LT(Clock::now(), deadline) << "the detached child lives on";
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
   const ServerProcess server = station.serve();
 }
 

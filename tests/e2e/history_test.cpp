@@ -204,7 +204,8 @@ TEST(History, StationWithoutALogStillGetsIt) {
   EXPECT_EQ(body, expectedDocument({24, 3}, generatedAt(body), slotsOf(rows), {}));
 }
 
-// A database that its writer has locked holds a reader for seconds; a stop does not wait for that.
+// A database that its writer has locked holds a reader for five seconds; a stop does not wait for
+// that.
 TEST(History, LockedDatabaseDoesNotDelayAStop) {
   const Station station;
   HistoryWriter writer = writerFor(station);
@@ -215,8 +216,11 @@ TEST(History, LockedDatabaseDoesNotDelayAStop) {
   phone.send(requestText("GET", kActivityPath, bearer(kToken)));
   EXPECT_EQ(station.get(kHealthPath).status, 200) << "answered while the other waits";
   server.signal(SIGTERM);
-  EXPECT_EQ(server.waitForExit(kStopLimit), 0);
+  EXPECT_EQ(server.waitForExit(std::chrono::milliseconds(4500)), 0);
 }
+
+// Decodes of a demo that a window may lose between two looks at it, on a slow machine.
+constexpr double kAgedMeanwhile = 40;
 
 TEST(Demo, BothEndpointsAndTheBannerSaySo) {
   const Station station;
@@ -238,7 +242,7 @@ TEST(Demo, BothEndpointsAndTheBannerSaySo) {
   // About 4,600 decodes a day; the first slot may begin just outside the window.
   EXPECT_NEAR(static_cast<double>(numberOf(body, "window_spots")), 4600, 400);
   EXPECT_NEAR(static_cast<double>(numberOf(body, "window_spots")), std::stod(banner.spots_held),
-              10);
+              kAgedMeanwhile);
   EXPECT_LE(numberOf(body, "window_unique_callsigns"), 160);
   EXPECT_GT(numberOf(body, "window_unique_callsigns"), 100);
 }
@@ -249,7 +253,8 @@ TEST(Demo, NothingIsReadLater) {
   const std::int64_t before = numberOf(station.activity("?hours=6").body, "window_spots");
   station.writeLog(logText(std::vector<Heard>(500, {wallClock() - 60, "144.174", "FT8", "K1ABC"})));
   const std::string body = station.activity("?hours=6").body;
-  EXPECT_NEAR(static_cast<double>(numberOf(body, "window_spots")), static_cast<double>(before), 10);
+  EXPECT_NEAR(static_cast<double>(numberOf(body, "window_spots")), static_cast<double>(before),
+              kAgedMeanwhile);
   EXPECT_THAT(bandIds(body), testing::Not(testing::Contains("2m")));
 }
 

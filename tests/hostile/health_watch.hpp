@@ -14,7 +14,7 @@ namespace spotserver::hostile {
 
 //   HealthWatch health(station.port());
 //   ... something slow ...
-//   EXPECT_LT(longestOf(health.end()), 2500ms);
+//   EXPECT_LT(longestOf(health.end()), limit);
 // It asks one after the other: a trouble that held health up for its whole length would be one
 // sample among thousands, so what counts is the longest.
 class HealthWatch {

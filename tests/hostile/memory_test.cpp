@@ -1,4 +1,5 @@
 // What strangers without a token can make the server hold in memory.
+#include <atomic>
 #include <deque>
 #include <future>
 #include <stdexcept>
@@ -18,6 +19,9 @@ using e2e::Station;
 using e2e::TlsClient;
 
 constexpr long long kGrowthLimit = 32 * 1024;  // KiB
+// Ranges are matched one at a time, each on four megabytes of stack. A thread that stands still
+// meanwhile lets others begin. All 64 would take 256.
+constexpr long long kStacksLimit = 96 * 1024;
 constexpr std::size_t kWorkers = 64;
 
 class Memory : public testing::Test {
@@ -29,9 +33,9 @@ class Memory : public testing::Test {
   }
 
   int port() const { return station_.port(); }
-  void expectFlat(const std::string& what) const {
+  void expectFlat(const std::string& what, long long limit = kGrowthLimit) const {
     if (kSanitized) return;
-    EXPECT_LT(peakMemory(server_.pid()) - before_, kGrowthLimit) << "KiB more for " << what;
+    EXPECT_LT(peakMemory(server_.pid()) - before_, limit) << "KiB more for " << what;
   }
 
   // Does it as often as there are workers, at once.
@@ -90,14 +94,20 @@ TEST_F(Memory, EndlessRowsOfShortHeadersOnAllWorkers) {
   expectFlat("short headers");
 }
 
-// Each takes four megabytes of stack while it is matched.
 TEST_F(Memory, LongRangesOnAllWorkers) {
-  onAllWorkers([&] {
-    for (const std::string& range : {manyRanges("0-0"), longRange()}) {
-      TlsClient(port()).request("GET", e2e::kHealthPath, {{"Range", range}});
-    }
-  });
-  expectFlat("long ranges");
+  for (const std::string& range : {manyRanges("0-0"), longRange()}) {
+    std::atomic<std::size_t> answers = 0;
+    onAllWorkers([&] {
+      try {
+        TlsClient(port()).request("GET", e2e::kHealthPath, {{"Range", range}});
+        ++answers;
+      } catch (const std::runtime_error&) {
+        // On a slow machine one may be taken for idle and give way to another.
+      }
+    });
+    EXPECT_GT(answers, kWorkers / 2);
+    expectFlat("long ranges", kStacksLimit);
+  }
 }
 
 // Behind a request in the same record of TLS: the library has it without another read.
@@ -113,17 +123,17 @@ TEST_F(Memory, LongRangesThatComeTogetherWithAnotherRequest) {
     EXPECT_EQ(answer.header("Connection"), "close");
   }
   for (auto& client : clients) client.awaitClose();
-  expectFlat("long ranges behind another request");
+  expectFlat("long ranges behind another request", kStacksLimit);
 }
 
-// Each asks for the document four thousand times in one request, more than once, and takes nothing:
-// what the sockets cannot hold stays with the server.
+// Each asks for the document four thousand times in one request, makes the five requests that one
+// connection may, and takes nothing: what the sockets cannot hold stays with the server.
 TEST_F(Memory, ManyRangesForAllWorkersAndNobodyTakesThem) {
   const std::string request =
       e2e::requestText("GET", e2e::kHealthPath, {{"Range", manyRanges("-")}});
   std::deque<TlsClient> clients;
   for (std::size_t i = 0; i < kWorkers; ++i) clients.emplace_back(port());
-  for (int n = 0; n < 8; ++n) {
+  for (int n = 0; n < 5; ++n) {
     for (auto& client : clients) client.send(request);
   }
   for (auto& client : clients) client.peek(12);  // all are being answered

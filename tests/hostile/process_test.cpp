@@ -2,6 +2,7 @@
 #include <chrono>
 #include <csignal>
 #include <memory>
+#include <optional>
 #include <random>
 #include <thread>
 
@@ -126,7 +127,8 @@ TEST_F(FewDescriptors, TheStationsFilesStayReadable) {
 
 TEST_F(FewDescriptors, ServesAgainAsSoonAsTheCrowdHasLeft) {
   { const Crowd peers = crowd(); }
-  EXPECT_LT(timeOfHealth(station().port()), 1s);
+  // Who does not notice that they left holds on to them for ten seconds.
+  EXPECT_LT(timeOfHealth(station().port()), 5s);
   expectServes(station());
 }
 
@@ -245,13 +247,9 @@ TEST(Stopping, ASignalAtAnyMomentOfAStartUnderLoadIsNotLost) {
   }
 }
 
-TEST(Stopping, AHistoryThatIsBusyHoldsNothingUp) {
-  const Station station;
-  HistoryFile history(station.workFile("history.sqlite3"));
-  const std::int64_t minute = e2e::wallClock() / 60 - 3;
-  history.add({.minute = minute, .mask = 1, .counts = countsBlob({3})});
-  const e2e::Heard heard{minute * 60, "14.074", "FT8", "K1ABC"};
-  station.writeLog(e2e::logLine(heard));
+// The answer of a server that is stopped while it waits for its history. None: the two seconds were
+// over that a request may take then.
+std::optional<e2e::Response> answerOfAStop(const Station& station, HistoryFile& history) {
   ServerProcess server = station.serve({"--history-db", "history.sqlite3", "--pid-file", "pid"});
   // Another view than the one asked for below, whose answer must not be at hand.
   EXPECT_EQ(e2e::numberOf(station.activity("?hours=1").body, "window_spots"), 3) << "history";
@@ -260,13 +258,33 @@ TEST(Stopping, AHistoryThatIsBusyHoldsNothingUp) {
   phone.send(e2e::requestText("GET", e2e::kActivityPath, e2e::bearer(e2e::kToken)));
   // The reader looks at a locked database a thousand times a second at most, and opens it first.
   awaitThat([&] { return hasOpen(server.pid(), station.workFile("history.sqlite3")); });
+  const auto begin = Clock::now();
   expectCleanStop(server);
-  const auto answer = phone.receive();
-  EXPECT_EQ(answer.status, 200);
+  const bool slow = Clock::now() - begin >= 2s;
+  EXPECT_FALSE(e2e::exists(station.workFile("pid")));
+  history.exec("COMMIT");
+  try {
+    return phone.receive();
+  } catch (const std::runtime_error&) {
+    if (!slow) throw;
+    return std::nullopt;
+  }
+}
+
+TEST(Stopping, AHistoryThatIsBusyHoldsNothingUp) {
+  const Station station;
+  HistoryFile history(station.workFile("history.sqlite3"));
+  const std::int64_t minute = e2e::wallClock() / 60 - 3;
+  history.add({.minute = minute, .mask = 1, .counts = countsBlob({3})});
+  const e2e::Heard heard{minute * 60, "14.074", "FT8", "K1ABC"};
+  station.writeLog(e2e::logLine(heard));
+  std::optional<e2e::Response> answer;
+  for (int attempt = 0; attempt < 5 && !answer; ++attempt) answer = answerOfAStop(station, history);
+  ASSERT_TRUE(answer.has_value()) << "it had no time to answer, five times";
+  EXPECT_EQ(answer->status, 200);
   // From the log, of which nothing is read any more. Its senders are known, its decodes are not:
   // they were read while the history told of them.
-  EXPECT_EQ(answer.body, e2e::expectedDocument({}, e2e::generatedAt(answer.body), {}, {heard}));
-  EXPECT_FALSE(e2e::exists(station.workFile("pid")));
+  EXPECT_EQ(answer->body, e2e::expectedDocument({}, e2e::generatedAt(answer->body), {}, {heard}));
 }
 
 TEST(Stopping, ClientsOfEveryKindAtOnceHoldNothingUp) {

